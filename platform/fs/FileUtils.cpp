@@ -1,0 +1,14 @@
+#include "platform/fs/FileUtils.h"
+
+#include "platform/Platform.h"
+#include "platform/fs/IFileSystem.h"
+#include "platform/string/String.h"
+
+namespace VEQ {
+
+bool FileUtils::removeFile(const std::string& utf8Path)
+{
+    return Platform::FileSystem()->removeFile(String::UTF8ToUTF16(utf8Path));
+}
+
+}  // namespace VEQ

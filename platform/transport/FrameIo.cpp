@@ -1,0 +1,45 @@
+#include "platform/transport/FrameIo.h"
+
+namespace Tavrin::Veq::ClientBroker {
+
+bool FrameIo::Receive(zmq::socket_t& socket, std::vector<std::string>& frames, size_t maxFrames, bool& tooMany)
+{
+    frames.clear();
+    tooMany = false;
+    zmq::message_t part;
+    if (!socket.recv(part, zmq::recv_flags::dontwait)) {
+        return false;
+    }
+    while (true) {
+        if (frames.size() < maxFrames) {
+            frames.emplace_back(static_cast<const char*>(part.data()), part.size());
+        } else {
+            tooMany = true;
+        }
+        if (!part.more()) {
+            return true;
+        }
+        // The remaining parts of a message are already there once its first part is.
+        if (!socket.recv(part, zmq::recv_flags::none)) {
+            return true;
+        }
+    }
+}
+
+int FrameIo::Send(zmq::socket_t& socket, const std::vector<std::string>& frames)
+{
+    try {
+        for (size_t i = 0; i < frames.size(); ++i) {
+            const bool last = i + 1 == frames.size();
+            const auto flags = zmq::send_flags::dontwait | (last ? zmq::send_flags::none : zmq::send_flags::sndmore);
+            if (!socket.send(zmq::buffer(frames[i]), flags)) {
+                return EAGAIN;
+            }
+        }
+    } catch (const zmq::error_t& error) {
+        return error.num();
+    }
+    return 0;
+}
+
+}  // namespace Tavrin::Veq::ClientBroker

@@ -1,0 +1,76 @@
+#include "platform/transport/SocketFile.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <random>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace Tavrin::Veq::ClientBroker {
+namespace {
+
+std::string TemporaryNameBeside(const std::string& path)
+{
+    thread_local std::mt19937_64 random{std::random_device{}()};
+    const auto slash = path.rfind('/');
+    const std::string folder = slash == std::string::npos ? std::string(".") : path.substr(0, slash);
+    char name[32];
+    std::snprintf(name, sizeof(name), "/.b%012llx", static_cast<unsigned long long>(random() & 0xFFFFFFFFFFFFULL));
+    return folder + name;
+}
+
+}  // namespace
+
+int SocketFile::Bind(zmq::socket_t& socket, const std::string& path, mode_t mode)
+{
+    if (path.empty()) {
+        return EINVAL;
+    }
+    const std::string temporary = TemporaryNameBeside(path);
+    if (temporary.size() >= sizeof(sockaddr_un::sun_path) || path.size() >= sizeof(sockaddr_un::sun_path)) {
+        return ENAMETOOLONG;
+    }
+    try {
+        socket.bind("ipc://" + temporary);
+    } catch (const zmq::error_t& error) {
+        return error.num() != 0 ? error.num() : EIO;
+    }
+    if (::chmod(temporary.c_str(), mode) != 0 || ::rename(temporary.c_str(), path.c_str()) != 0) {
+        const int error = errno;
+        ::unlink(temporary.c_str());
+        return error;
+    }
+    return 0;
+}
+
+mode_t SocketFile::ModeFor(const std::string& path)
+{
+    struct stat status {};
+    if (::stat(path.c_str(), &status) == 0) {
+        return status.st_mode & 0777;
+    }
+    return 0600;
+}
+
+int SocketFile::Probe(const std::string& path)
+{
+    sockaddr_un address{};
+    if (path.size() >= sizeof(address.sun_path)) {
+        return ENAMETOOLONG;
+    }
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return errno;
+    }
+    const int rc = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    const int error = rc == 0 ? 0 : errno;
+    ::close(fd);
+    return error;
+}
+
+}  // namespace Tavrin::Veq::ClientBroker

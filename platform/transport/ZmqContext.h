@@ -1,0 +1,14 @@
+#pragma once
+
+#include <zmq.hpp>
+
+namespace Tavrin::Veq::ClientBroker {
+
+// The process's one ZeroMQ context. It is never terminated: sockets may still be closing on
+// other threads while the process exits, and terminating would block on them.
+class ZmqContext {
+public:
+    static zmq::context_t& Get();
+};
+
+}  // namespace Tavrin::Veq::ClientBroker

@@ -1,0 +1,60 @@
+#include "platform/sync/ManualResetEvent.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+namespace VEQ {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kDeadline = 30s;
+
+TEST(ManualResetEventTest, StaysSignalledUntilReset)
+{
+    ManualResetEvent event;
+    EXPECT_FALSE(event.Wait(1ms));
+    EXPECT_FALSE(event.IsSet());
+    event.Set();
+    EXPECT_TRUE(event.Wait(0ms));
+    EXPECT_TRUE(event.Wait(0ms)) << "a second wait must still see the event";
+    EXPECT_TRUE(event.IsSet());
+    event.Reset();
+    EXPECT_FALSE(event.Wait(1ms));
+    EXPECT_TRUE(ManualResetEvent(true).Wait(0ms));
+}
+
+TEST(ManualResetEventTest, SetReleasesEveryWaiter)
+{
+    ManualResetEvent event;
+    std::atomic<int> released{0};
+    std::vector<std::thread> waiters;
+    for (int n = 0; n < 4; ++n) {
+        waiters.emplace_back([&] {
+            if (event.Wait(kDeadline)) {
+                ++released;
+            }
+        });
+    }
+    event.Set();
+    for (auto& waiter : waiters) {
+        waiter.join();
+    }
+    EXPECT_EQ(released, 4);
+}
+
+TEST(ManualResetEventTest, AnUnboundedTimeoutWaitsInsteadOfOverflowing)
+{
+    ManualResetEvent event;
+    bool result = false;
+    std::thread waiter([&] { result = event.Wait(std::chrono::milliseconds::max()); });
+    event.Set();
+    waiter.join();
+    EXPECT_TRUE(result);
+}
+
+}  // namespace
+}  // namespace VEQ

@@ -1,0 +1,322 @@
+#include "platform/transport/ClientConnection.h"
+#include "platform/transport/FrameIo.h"
+#include "platform/transport/WireCodec.h"
+#include "platform/transport/ZmqServerEndpoint.h"
+#include "tests/support/TempRoot.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <sys/stat.h>
+#include <thread>
+
+namespace Tavrin::Veq::ClientBroker {
+namespace {
+
+using namespace std::chrono_literals;
+
+Message Request(const std::string& guid, const std::string& command, const std::string& payload = "{}")
+{
+    Message message;
+    message.guid = guid;
+    message.notification.command = command;
+    message.notification.payload = payload;
+    return message;
+}
+
+class ZmqServerEndpointTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        path_ = root_.BelowUtf8("endpoint");
+        ConnectionDetails details{1, path_};
+        ASSERT_EQ(endpoint_->Start(details), 0);
+    }
+
+    void TearDown() override
+    {
+        endpoint_->Stop();
+        if (server_.joinable()) {
+            server_.join();
+        }
+    }
+
+    // Answers every request with its command reversed in the payload, until stopped.
+    void ServeEcho()
+    {
+        server_ = std::thread([this] {
+            while (true) {
+                Result received = endpoint_->Wait(INotificationBase::kInfinite);
+                if (received.message.notification.command.empty()) {
+                    return;
+                }
+                Result answer;
+                answer.isSuccess = true;
+                answer.message.guid = received.message.guid;
+                answer.message.notification.command = "Receive-" + received.message.notification.command;
+                answer.message.notification.payload = received.message.notification.payload;
+                endpoint_->SendResult(answer);
+            }
+        });
+    }
+
+    VEQ::Test::TempRoot root_;
+    std::string path_;
+    std::unique_ptr<ZmqServerEndpoint> endpoint_ = std::make_unique<ZmqServerEndpoint>(2s);
+    std::thread server_;
+};
+
+TEST_F(ZmqServerEndpointTest, AnswersEachRequestWithItsGuid)
+{
+    ServeEcho();
+    ClientConnection client;
+    ASSERT_TRUE(client.Connect(path_, 5s)) << client.LastError();
+    for (int i = 0; i < 20; ++i) {
+        const std::string guid = "guid-" + std::to_string(i);
+        auto result = client.Send(Request(guid, "Ping", std::to_string(i)), 5s);
+        ASSERT_TRUE(result) << "no reply to " << guid;
+        EXPECT_EQ(result->message.guid, guid);
+        EXPECT_EQ(result->message.notification.command, "Receive-Ping");
+        EXPECT_EQ(result->message.notification.payload, std::to_string(i));
+    }
+}
+
+TEST_F(ZmqServerEndpointTest, AResultSentFromAnotherThreadReachesTheClientWhileTheServerWaits)
+{
+    ClientConnection client;
+    ASSERT_TRUE(client.Connect(path_, 5s)) << client.LastError();
+    auto reply = std::async(std::launch::async, [&] { return client.Send(Request("g1", "Slow"), 5s); });
+    Result received = endpoint_->Wait(5000);
+    ASSERT_EQ(received.message.guid, "g1");
+
+    std::promise<void> waiting;
+    server_ = std::thread([this, &waiting] {
+        waiting.set_value();
+        endpoint_->Wait(INotificationBase::kInfinite);  // holds the socket until TearDown stops it
+    });
+    waiting.get_future().wait();
+    Result answer;
+    answer.isSuccess = true;
+    answer.message.guid = "g1";
+    endpoint_->SendResult(answer);
+
+    auto result = reply.get();
+    ASSERT_TRUE(result);
+    EXPECT_TRUE(result->isSuccess);
+}
+
+TEST_F(ZmqServerEndpointTest, PushesReachEveryConnectedClientAndFailWithoutOne)
+{
+    Notification push{"StopAppExtension", "", "", ""};
+    EXPECT_FALSE(endpoint_->SendNotification(push));
+
+    ClientConnection first;
+    ClientConnection second;
+    ASSERT_TRUE(first.Connect(path_, 5s)) << first.LastError();
+    ASSERT_TRUE(second.Connect(path_, 5s)) << second.LastError();
+    EXPECT_TRUE(endpoint_->SendNotification(push));
+    for (auto* client : {&first, &second}) {
+        auto received = client->NextPush(5s);
+        ASSERT_TRUE(received);
+        EXPECT_EQ(received->command, "StopAppExtension");
+    }
+}
+
+TEST_F(ZmqServerEndpointTest, ServerRequestsRunBesideWaitAndEachOtherAndGetTheirOwnReplies)
+{
+    ServeEcho();
+    ClientConnection client;
+    client.SetRequestHandler([](const Message& message) {
+        Result reply;
+        reply.isSuccess = true;
+        reply.message.guid = message.guid;
+        reply.message.notification.payload = "re:" + message.notification.payload;
+        return reply;
+    });
+    ASSERT_TRUE(client.Connect(path_, 5s)) << client.LastError();
+
+    std::vector<std::future<std::pair<bool, Result>>> calls;
+    for (int i = 0; i < 8; ++i) {
+        calls.push_back(std::async(std::launch::async, [this, i] {
+            Message message = Request("s" + std::to_string(i), "Ask", std::to_string(i));
+            Result reply;
+            const bool answered = endpoint_->SendAndWait(message, reply);
+            return std::make_pair(answered, reply);
+        }));
+    }
+    // The request channel keeps serving meanwhile.
+    auto result = client.Send(Request("c1", "Ping"), 5s);
+    ASSERT_TRUE(result);
+    EXPECT_EQ(result->message.guid, "c1");
+    for (int i = 0; i < 8; ++i) {
+        auto [answered, reply] = calls[i].get();
+        EXPECT_TRUE(answered) << "call " << i;
+        EXPECT_EQ(reply.message.notification.payload, "re:" + std::to_string(i)) << "call " << i;
+    }
+}
+
+TEST_F(ZmqServerEndpointTest, StopEndsAWaitAndAnUnansweredServerRequest)
+{
+    std::promise<void> release;
+    auto released = release.get_future().share();
+    ClientConnection client;
+    client.SetRequestHandler([released](const Message&) {
+        released.wait();  // a client that does not answer for now
+        return Result{};
+    });
+    ASSERT_TRUE(client.Connect(path_, 5s)) << client.LastError();
+
+    auto waiting = std::async(std::launch::async, [this] { return endpoint_->Wait(INotificationBase::kInfinite); });
+    auto asking = std::async(std::launch::async, [this] {
+        Message message = Request("s", "Ask");
+        Result reply;
+        return endpoint_->SendAndWait(message, reply);
+    });
+    endpoint_->Stop();
+    Result ended = waiting.get();
+    EXPECT_TRUE(ended.message.notification.command.empty());
+    EXPECT_EQ(ended.message.statusCode, 0);
+    EXPECT_FALSE(asking.get());
+    release.set_value();
+}
+
+TEST_F(ZmqServerEndpointTest, AServerRequestWithoutAnswerGivesUpAtItsTimeout)
+{
+    Message message = Request("s", "Ask");
+    Result reply;
+    EXPECT_FALSE(endpoint_->SendAndWait(message, reply));  // nobody connected
+    EXPECT_FALSE(reply.isSuccess);
+    EXPECT_EQ(reply.message.guid, "s");
+}
+
+TEST_F(ZmqServerEndpointTest, AWaitWithATimeoutReturnsAnEmptyRecord)
+{
+    Result result = endpoint_->Wait(30);
+    EXPECT_TRUE(result.message.notification.command.empty());
+    EXPECT_EQ(result.message.statusCode, 0);
+}
+
+TEST_F(ZmqServerEndpointTest, BadFramesAreAnsweredOrDroppedAndServingGoesOn)
+{
+    ServeEcho();
+    ClientConnection client;
+    ASSERT_TRUE(client.Connect(path_, 5s)) << client.LastError();
+
+    struct Row {
+        const char* name;
+        std::vector<std::string> frames;
+        bool answered;
+    };
+    const Row rows[] = {
+        {"not JSON", {"{{{"}, true},
+        {"wrong type", {R"({"guid":"bad","statusCode":"x"})"}, true},
+        {"JSON array", {"[]"}, true},
+        {"too many parts", {"a", "b", "c", "d"}, false},
+        {"delimiter not empty", {"x", "{}"}, false},
+    };
+    for (const auto& row : rows) {
+        ASSERT_TRUE(client.SendRaw(row.frames)) << row.name;
+        auto reply = client.ReceiveRaw(row.answered ? 5s : 200ms);
+        if (!row.answered) {
+            EXPECT_FALSE(reply) << row.name;
+            continue;
+        }
+        ASSERT_TRUE(reply) << row.name;
+        Result result;
+        std::string error;
+        ASSERT_TRUE(WireCodec::DecodeResult(*reply, result, error)) << row.name;
+        EXPECT_FALSE(result.isSuccess) << row.name;
+        EXPECT_EQ(result.message.statusCode, ZmqServerEndpoint::kMalformedStatus) << row.name;
+        EXPECT_EQ(result.message.statusSource, "Transport") << row.name;
+    }
+
+
+    auto result = client.Send(Request("after", "Ping"), 5s);
+    ASSERT_TRUE(result);
+    EXPECT_EQ(result->message.guid, "after");
+}
+
+TEST_F(ZmqServerEndpointTest, AHugeFrameCutsOnlyItsSender)
+{
+    ServeEcho();
+    ClientConnection flooder;
+    ASSERT_TRUE(flooder.Connect(path_, 5s)) << flooder.LastError();
+    ASSERT_TRUE(flooder.SendRaw({std::string(FrameIo::kMaxFrameBytes + 1024, 'x')}));
+    EXPECT_FALSE(flooder.ReceiveRaw(300ms));
+
+    ClientConnection other;
+    ASSERT_TRUE(other.Connect(path_, 5s)) << other.LastError();
+    auto result = other.Send(Request("ok", "Ping"), 5s);
+    ASSERT_TRUE(result);
+    EXPECT_EQ(result->message.guid, "ok");
+}
+
+TEST_F(ZmqServerEndpointTest, AResultAfterARestartOnTheSamePathReachesTheWaitingClient)
+{
+    ClientConnection client;
+    ASSERT_TRUE(client.Connect(path_, 5s)) << client.LastError();
+    auto reply = std::async(std::launch::async, [&] { return client.Send(Request("lost", "Ping"), 10s); });
+    ASSERT_EQ(endpoint_->Wait(5000).message.guid, "lost");
+
+    endpoint_->Stop();
+    endpoint_ = std::make_unique<ZmqServerEndpoint>(2s);
+    ConnectionDetails details{1, path_};
+    ASSERT_EQ(endpoint_->Start(details), 0);
+    Result answer;  // the restarted endpoint no longer knows the request, so its guid is empty
+    answer.message.statusCode = 17001;
+    endpoint_->SendResult(answer);
+    server_ = std::thread([this] { endpoint_->Wait(INotificationBase::kInfinite); });
+
+    auto result = reply.get();
+    ASSERT_TRUE(result) << "the answer after the restart never arrived";
+    EXPECT_EQ(result->message.statusCode, 17001);
+}
+
+TEST(ZmqServerEndpointFiles, SocketFilesTakeTheModeOfTheirPlaceholder)
+{
+    VEQ::Test::TempRoot root;
+    struct Row {
+        const char* name;
+        int placeholderMode;  // -1: no placeholder
+        mode_t expected;
+    };
+    const Row rows[] = {{"user side", 0666, 0666}, {"elevated side", 0600, 0600}, {"no placeholder", -1, 0600}};
+    for (const auto& row : rows) {
+        const std::string path = root.BelowUtf8(row.name);
+        if (row.placeholderMode >= 0) {
+            FILE* file = std::fopen(path.c_str(), "w");
+            ASSERT_NE(file, nullptr);
+            std::fclose(file);
+            ::chmod(path.c_str(), static_cast<mode_t>(row.placeholderMode));
+        }
+        ZmqServerEndpoint endpoint;
+        ConnectionDetails details{1, path};
+        ASSERT_EQ(endpoint.Start(details), 0) << row.name;
+        for (const std::string& file : {path, path + "_notify"}) {
+            struct stat status {};
+            ASSERT_EQ(::stat(file.c_str(), &status), 0) << file;
+            EXPECT_TRUE(S_ISSOCK(status.st_mode)) << file;
+            EXPECT_EQ(status.st_mode & 0777, row.expected) << file;
+        }
+    }
+}
+
+TEST(ZmqServerEndpointFiles, AnUnstartedEndpointReportsAFailedWait)
+{
+    ZmqServerEndpoint endpoint;
+    EXPECT_EQ(endpoint.Wait(20).message.statusCode, INotificationBase::kWaitFailed);
+    ConnectionDetails nowhere{1, "/nonexistent-folder/socket"};
+    EXPECT_NE(endpoint.Start(nowhere), 0);
+}
+
+TEST(ClientConnectionErrors, SaysWhyAPathCannotBeReached)
+{
+    VEQ::Test::TempRoot root;
+    ClientConnection client;
+    EXPECT_FALSE(client.Connect(root.BelowUtf8("missing"), 1s));
+    EXPECT_NE(client.LastError().find("no socket at"), std::string::npos) << client.LastError();
+}
+
+}  // namespace
+}  // namespace Tavrin::Veq::ClientBroker

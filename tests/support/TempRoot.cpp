@@ -1,0 +1,32 @@
+#include "tests/support/TempRoot.h"
+
+#include "platform/string/String.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <stdexcept>
+#include <sys/stat.h>
+
+namespace VEQ::Test {
+
+TempRoot::TempRoot(PlatformServices services)
+{
+    std::string pattern = "/tmp/veq-test-XXXXXX";
+    if (mkdtemp(pattern.data()) == nullptr) {
+        throw std::runtime_error(std::string("mkdtemp failed: ") + std::strerror(errno));
+    }
+    chmod(pattern.c_str(), 0755);  // other users' test processes reach shared folders below it
+    pathUtf8_ = pattern;
+    path_ = String::UTF8ToUTF16(pathUtf8_);
+    Platform::Install({path_, L"", L""}, std::move(services));
+}
+
+TempRoot::~TempRoot()
+{
+    std::error_code error;
+    std::filesystem::remove_all(pathUtf8_, error);
+}
+
+}  // namespace VEQ::Test
