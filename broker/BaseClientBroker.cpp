@@ -2,15 +2,19 @@
 
 #include "broker/BrokerFolders.h"
 #include "broker/HandleTargetedRequestHelper.h"
+#include "module/Extensions.h"
 #include "platform/bus/VEQNotificationData.h"
 #include "platform/bus/VEQPublisherSubscriber.h"
 #include "platform/fs/FileSystem.h"
 #include "platform/fs/utility.h"
+#include "platform/registry/PackageUtils.h"
 #include "platform/string/String.h"
 #include "platform/sync/TaskPool.h"
 #include "platform/transport/NotificationFactory.h"
 #include "platform/util/CGuid.h"
 #include "platform/util/ThreadGarbageCollector.h"
+
+#include <json/json.h>
 
 #include <chrono>
 
@@ -23,6 +27,8 @@ using Tavrin::Veq::ClientBroker::NotificationFactory;
 constexpr auto kPauseAfterMessage = std::chrono::milliseconds(100);
 constexpr int kLogLevel = 4;
 constexpr size_t kMaxIdInFileName = 128;
+constexpr const wchar_t* kPackageStatusKey = L"Software\\Tavrin\\VEQ\\PackageStatus";
+constexpr const wchar_t* kFailedInstallRetryCountValue = L"FailedInstallRetryCount";
 
 // The client's id names its log file. It comes from the client, so nothing in it may leave the
 // log folder or make an impossible name.
@@ -48,6 +54,7 @@ BaseClientBroker::BaseClientBroker(const BrokerContext& brokerContextIn, const C
 
 BaseClientBroker::~BaseClientBroker()
 {
+    std::unique_lock<std::mutex> handlersLock(handlersMutex);
     for (auto* handler : handlers) {
         if (handler != nullptr) {
             handler->StopHandler();
@@ -60,6 +67,7 @@ BaseClientBroker::~BaseClientBroker()
         }
     }
     runningCommands.clear();
+    handlersLock.unlock();
     SuspendServer();
     for (auto* handler : handlers) {
         delete handler;
@@ -149,6 +157,7 @@ void BaseClientBroker::RestartServer(ConnectionDetails& details)
     std::lock_guard<std::mutex> lock(mutex);
     server->Stop();
     log.d(L"%s : Stop successful:%s", function, socketId);
+    endpointUsers->WaitUntilIdle();
     delete server;
     server = NotificationFactory::GetInstance(NotificationFactory::kServerRole);
     const int rc = server->Start(details);
@@ -174,8 +183,9 @@ void BaseClientBroker::CloseAfterClientRequest()
     }
     if (taken != nullptr) {
         // This thread is the endpoint's waiter, so another thread stops and deletes it.
-        auto* stopper = new std::thread([taken] {
+        auto* stopper = new std::thread([taken, users = endpointUsers] {
             taken->Stop();
+            users->WaitUntilIdle();
             delete taken;
         });
         log.d(L"%s: Dumping thread to garbage collector", function);
@@ -189,9 +199,12 @@ void BaseClientBroker::SuspendServer()
     const wchar_t* function = L"VEQ::BaseClientBroker::SuspendServer";
     log.d(L"%s: Init socket=%s", function, socketId);
     suspending = true;
-    for (auto* handler : handlers) {
-        if (handler != nullptr) {
-            handler->StopHandler();
+    {
+        std::lock_guard<std::mutex> lock(handlersMutex);
+        for (auto* handler : handlers) {
+            if (handler != nullptr) {
+                handler->StopHandler();
+            }
         }
     }
     {
@@ -217,8 +230,11 @@ void BaseClientBroker::SuspendServer()
     }
     {
         std::lock_guard<std::mutex> lock(mutex);
-        delete server;
-        server = nullptr;
+        if (server != nullptr) {
+            endpointUsers->WaitUntilIdle();
+            delete server;
+            server = nullptr;
+        }
     }
     RemoveSocketFiles();
     log.d(L"%s: Exit", function);
@@ -236,6 +252,12 @@ void BaseClientBroker::RemoveSocketFiles()
     } catch (const std::exception& error) {
         log.e(L"%s, Exception(%s) occurred while deleting the socket file = %s", function, error.what(), socketId);
     }
+}
+
+void BaseClientBroker::SetHandlers(std::vector<BaseCommandHandler*> list)
+{
+    std::lock_guard<std::mutex> lock(handlersMutex);
+    handlers = std::move(list);
 }
 
 void BaseClientBroker::Send_Result(Result& result)
@@ -289,6 +311,7 @@ BaseCommandHandler* BaseClientBroker::LocateHandler(ClientRequest& request)
     const wchar_t* function = L"VEQ::BaseClientBroker::LocateHandler";
     const std::string& command = request.getMessage().notification.command;
     log.d(L"%s Requested Command: %s", function, String::UTF8ToUTF16(command));
+    std::lock_guard<std::mutex> lock(handlersMutex);
     for (auto* handler : handlers) {
         const std::vector<std::string> names = handler->GetSupportedCommandNames();
         for (const auto& name : names) {
@@ -378,9 +401,198 @@ bool BaseClientBroker::Notify(Notification& notification)
     return sent;
 }
 
-void BaseClientBroker::OnVEQNotification_2(VEQNotificationData& /*data*/)
+bool BaseClientBroker::NotifyAndWaitForResponse(Message& message, Result& result)
 {
-    // Deferred package results are answered here once package operations exist.
+    const wchar_t* function = L"VEQ::BaseClientBroker::NotifyAndWaitForResponse";
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (server == nullptr) {
+            return false;
+        }
+    }
+    AddSenderToPayload(message, function);
+    INotificationBase* endpoint = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        endpoint = server;
+        if (endpoint != nullptr) {
+            endpointUsers->Enter();
+        }
+    }
+    if (endpoint == nullptr) {
+        return false;
+    }
+    // No lock while the client answers: pushes and results keep flowing, and several of these
+    // may be in flight at once. Whoever deletes the endpoint stops it and waits for this call.
+    const bool sent = endpoint->SendAndWait(message, result);
+    endpointUsers->Leave();
+    log.e(L"%s notify result %d %s", function, result.isSuccess, result.message.notification.payload);
+    return sent;
+}
+
+void BaseClientBroker::AddSenderToPayload(Message& message, const wchar_t* function)
+{
+    try {
+        Json::Value payload;
+        Json::CharReaderBuilder builder;
+        std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+        const std::string& text = message.notification.payload;
+        std::string errors;
+        if (!reader->parse(text.data(), text.data() + text.size(), &payload, &errors)) {
+            log.e(L"%s Error parsing data: %s", function, text);
+            return;
+        }
+        try {
+            if (!message.senderId.empty()) {
+                payload["sender_id"] = message.senderId;
+            }
+            if (!message.senderName.empty()) {
+                payload["sender_name"] = message.senderName;
+            }
+        } catch (const std::exception& error) {
+            log.e(L"%s Error modifying JSON: %s", function, error.what());
+            return;
+        }
+        try {
+            Json::StreamWriterBuilder writer;
+            writer["indentation"] = "";
+            writer["emitUTF8"] = true;
+            message.notification.payload = Json::writeString(writer, payload);
+        } catch (const std::exception& error) {
+            log.e(L"%s Error serializing JSON: %s", function, error.what());
+        }
+    } catch (const std::exception& error) {
+        log.e(L"%s Unhandled exception: %s", function, error.what());
+    } catch (...) {
+        log.e(L"%s Unknown error occurred", function);
+    }
+}
+
+// Runs on the bus's thread. The out-of-range errors of a malformed pending payload are left to
+// the bus, which logs them and goes on with its other subscribers.
+void BaseClientBroker::OnVEQNotification_2(VEQNotificationData& data)
+{
+    const wchar_t* function = L"VEQ::BaseClientBroker::OnVEQNotification_2";
+    ClientRequest pending;
+    {
+        std::lock_guard<std::mutex> lock(pendingMutex);
+        if (data.getTopicId() != kPackageEventTopic || !hasPendingOperation) {
+            return;
+        }
+        pending = pendingRequest;
+    }
+    std::wstring status = Extensions::ConvertEventStateToPackageStatusAsString(data.getEventState());
+    std::wstring packageId, packageType, packageName, packageVersion, installationTrigger;
+    data.deserializePayloadForPackageEvent(packageId, packageType, packageName, packageVersion, installationTrigger);
+    log.d(L"%s Received status: %s for package id : %s", function, status, packageId);
+    if (status.empty()) {
+        return;
+    }
+    const bool final = String::CaseInsesitiveEqual(status, std::wstring(L"installed")) ||
+                       String::CaseInsesitiveEqual(status, std::wstring(L"download_failed")) ||
+                       String::CaseInsesitiveEqual(status, std::wstring(L"install_failed"));
+    if (!final) {
+        return;  // progress is not reported
+    }
+    const Message& request = pending.getMessage();
+    if (request.notification.command != kStartPackageOperationCommand) {
+        return;
+    }
+    const std::wstring pendingPackageId = PendingPackageId(request.notification.payload);
+    if (!String::CaseInsesitiveEqual(packageId, pendingPackageId)) {
+        log.e(L"%s package_Id mismatch error, response not sent to server - lastClientPkgId: %s  packageId: %s",
+              function, pendingPackageId, packageId);
+        return;
+    }
+    if (status == L"download_failed") {
+        status = L"download_error";
+    } else if (status == L"install_failed") {
+        status = L"install_fail";
+    }
+    std::wstring operationType;
+    const std::string reply = SerializeSPOResponse(request.notification.payload, String::UTF16ToUTF8(status), operationType);
+    if (status == L"install_fail" && operationType == L"forcedInstall") {
+        CountFailedForcedInstall(packageId, packageVersion);
+    }
+    Notification notification;
+    notification.command = kPackageOperationResultCommand;
+    notification.payload = reply;
+    const bool sent = Notify(notification);
+    log.d(L"%s Notification to the server: %s ", function, sent ? L"success" : L"failed");
+    std::lock_guard<std::mutex> lock(pendingMutex);
+    // A command that arrived meanwhile owns the pending state now.
+    if (pendingRequest.getMessage().guid == request.guid) {
+        pendingRequest = ClientRequest();
+    }
+}
+
+// The package id of a pending request, read the way clients have always written it: the text
+// after the colon of the first comma-separated piece that mentions "packageId".
+std::wstring BaseClientBroker::PendingPackageId(const std::string& payload)
+{
+    for (const auto& piece : String::Split(payload, ',')) {
+        const auto parts = String::Split(piece, ':');
+        if (parts.at(0).find("packageId") == std::string::npos) {
+            continue;
+        }
+        std::wstring id = String::UTF8ToUTF16(parts.at(1));
+        for (wchar_t strip : {L' ', L'}', L' ', L'"'}) {
+            std::erase(id, strip);
+        }
+        return id;
+    }
+    return {};
+}
+
+void BaseClientBroker::CountFailedForcedInstall(const std::wstring& packageId, const std::wstring& packageVersion)
+{
+    PackageUtils counter(packageId, packageVersion, kPackageStatusKey, kFailedInstallRetryCountValue);
+    const int count = counter.GetIntValueFromReg(true);
+    counter.SetKeyValueInRegistry(count == -1 ? 1 : count + 1, true);
+}
+
+std::string BaseClientBroker::SerializeSPOResponse(const std::string& requestPayload, const std::string& resultText,
+                                                   std::wstring& operationType)
+{
+    const wchar_t* function = L"VEQ::BaseClientBroker::SerializeSPOResponse";
+    try {
+        Json::Value reply;
+        Json::Value request;
+        Json::CharReaderBuilder builder;
+        std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+        std::string errors;
+        if (reader->parse(requestPayload.data(), requestPayload.data() + requestPayload.size(), &request, &errors)) {
+            reply["requestId"] = request["requestId"].asString();
+            reply["packageId"] = request["packageId"].asString();
+            reply["result"] = resultText;
+            operationType = String::UTF8ToUTF16(request["operationType"].asString());
+        }
+        Json::FastWriter writer;
+        return writer.write(reply);
+    } catch (const std::exception& error) {
+        log.e(L"%s Unhandled exception while parsing: %s", function, error.what());
+    } catch (...) {
+        log.e(L"%s Unknown error occurred", function);
+    }
+    log.e(L"%s Error parsing/serializing the response", function);
+    return {};
+}
+
+void BaseClientBroker::RelayMqttMessage(VEQNotificationData& data)
+{
+    const std::wstring topic = data.getTopic();
+    if (topic.find(String::UTF8ToUTF16(clientContext.extensionId)) == std::wstring::npos) {
+        return;
+    }
+    Json::Value message;
+    message["relativeTopic"] = String::UTF16ToUTF8(topic);
+    message["message"] = String::UTF16ToUTF8(data.getPayload());
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "";
+    Notification notification;
+    notification.command = kMqttMessageCommand;
+    notification.payload = Json::writeString(writer, message);
+    Notify(notification);
 }
 
 }  // namespace VEQ

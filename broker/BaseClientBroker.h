@@ -4,12 +4,14 @@
 #include "broker/BrokerContext.h"
 #include "broker/ClientContext.h"
 #include "broker/ClientRequest.h"
+#include "broker/EndpointUsers.h"
 #include "platform/log/Log.h"
 #include "platform/transport/INotificationBase.h"
 
 #include <atomic>
 #include <cstdint>
 #include <future>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -53,12 +55,26 @@ public:
 
     void Send_Result(Result& result);
     bool Notify(Notification& notification);
+    // Sends message to the client as a request and fills result with its answer.
+    bool NotifyAndWaitForResponse(Message& message, Result& result);
+    // Bus subscriber: answers a pending package operation when its package's event arrives.
     void OnVEQNotification_2(VEQNotificationData& data);
+
+    static constexpr int kPackageEventTopic = 30;
+    static constexpr const char* kStartPackageOperationCommand = "Start-PackageOperation";
+    static constexpr const char* kPackageOperationResultCommand = "Receive-PackageOperationResult";
+    static constexpr const char* kMqttMessageCommand = "Receive-MqttMessage";
 
 protected:
     BaseClientBroker(const BrokerContext& brokerContext, const ClientContext& clientContext);
 
+    // The concrete brokers' relay of an inbound MQTT message to a client whose id is in its topic.
+    void RelayMqttMessage(VEQNotificationData& data);
+    // Installs the handler list once, while the worker may already be reading it.
+    void SetHandlers(std::vector<BaseCommandHandler*> list);
+
     std::vector<BaseCommandHandler*> handlers;
+    std::mutex handlersMutex;  // the list is filled while the worker may be dispatching
     Log log;
 
 private:
@@ -72,6 +88,11 @@ private:
     void ClearThreadsWithStatusReady();
     void SendUnderLock(Result& result);
     void RemoveSocketFiles();
+    std::string SerializeSPOResponse(const std::string& requestPayload, const std::string& resultText,
+                                     std::wstring& operationType);
+    void AddSenderToPayload(Message& message, const wchar_t* function);
+    static std::wstring PendingPackageId(const std::string& payload);
+    static void CountFailedForcedInstall(const std::wstring& packageId, const std::wstring& packageVersion);
 
     std::atomic<bool> suspending{false};
     BrokerContext brokerContext;
@@ -81,6 +102,7 @@ private:
     INotificationBase* server = nullptr;
     std::thread* workerThread = nullptr;
     std::mutex mutex;  // guards server and every send on it
+    std::shared_ptr<EndpointUsers> endpointUsers = std::make_shared<EndpointUsers>();
     std::vector<std::future<Result>> runningCommands;
     const int32_t commandTimeoutSeconds = 60;
     const int32_t commandTimeoutMarginSeconds = 2;

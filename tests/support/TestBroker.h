@@ -17,8 +17,13 @@ class TestBroker : public BaseClientBroker {
 public:
     TestBroker(const BrokerContext& broker, const ClientContext& client) : BaseClientBroker(broker, client) {}
     // Takes ownership; call before StartServer.
-    void AddHandler(BaseCommandHandler* handler) { handlers.push_back(handler); }
+    void AddHandler(BaseCommandHandler* handler)
+    {
+        std::lock_guard<std::mutex> lock(handlersMutex);
+        handlers.push_back(handler);
+    }
     std::string SocketPath() { return String::UTF16ToUTF8(get_soketID()); }
+    void OnVEQNotification(VEQNotificationData& data) { RelayMqttMessage(data); }
 };
 
 BrokerContext MakeBrokerContext(ElevationType side);

@@ -1,0 +1,300 @@
+// The global socket of a side: handshakes, the per-process limit, supervision of client
+// processes, and the first commands, over real sockets.
+
+#include "apps/AppExtensionOperator.h"
+#include "platform/transport/ClientConnection.h"
+#include "platform/transport/WireCodec.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/Eventually.h"
+#include "tests/support/OperatorFixture.h"
+#include "tests/support/TempRoot.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace VEQ {
+namespace {
+
+using namespace std::chrono_literals;
+using Tavrin::Veq::ClientBroker::ClientConnection;
+using Tavrin::Veq::ClientBroker::Message;
+using Tavrin::Veq::ClientBroker::Result;
+
+bool Exists(const std::string& path)
+{
+    struct stat status {};
+    return ::lstat(path.c_str(), &status) == 0;
+}
+
+// A live process whose pid a test can claim in a handshake, ended on demand.
+class Sleeper {
+public:
+    Sleeper()
+    {
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            ::pause();
+            ::_exit(0);
+        }
+    }
+    ~Sleeper() { Kill(); }
+    pid_t Pid() const { return pid_; }
+    void Kill()
+    {
+        if (pid_ > 0) {
+            ::kill(pid_, SIGKILL);
+            ::waitpid(pid_, nullptr, 0);
+            pid_ = -1;
+        }
+    }
+
+private:
+    pid_t pid_ = -1;
+};
+
+Json::Value ParsePayload(const Result& result)
+{
+    std::string error;
+    auto value = Tavrin::Veq::ClientBroker::WireCodec::ParseObject(result.message.notification.payload, error);
+    return value ? *value : Json::Value();
+}
+
+class AppExtensionOperatorTest : public ::testing::TestWithParam<ElevationType> {
+protected:
+    void SetUp() override
+    {
+        globalPath_ = VEQ::Test::PublishGlobalSocket(GetParam());
+        BrokerContext context;
+        context.setConnectionMethod(ConnectionMethod::LocalSocket);
+        context.setElevationType(GetParam());
+        context.setExtensionType(Tavrin::Veq::ClientBroker::ExtensionType::App);
+        operator_ = std::make_unique<AppExtensionOperator>(context);
+        operator_->Start();
+        ASSERT_TRUE(global_.ConnectRequestsOnly(globalPath_, 5s)) << global_.LastError();
+    }
+
+    void TearDown() override
+    {
+        operator_->Suspend();
+        operator_.reset();
+    }
+
+    // Sends a handshake; nullopt when no reply came.
+    std::optional<Result> Handshake(const std::string& payload, std::chrono::milliseconds timeout = 5s)
+    {
+        Message message;
+        message.guid = "hs-" + std::to_string(++handshakes_);
+        message.notification.command = "ConnectTo-Veq";
+        message.notification.payload = payload;
+        return global_.Send(message, timeout);
+    }
+
+    std::string HandshakeFor(pid_t pid, const std::string& id = "app.one")
+    {
+        return R"({"extensionId":")" + id + R"(","extensionVersion":"2.0","extensionName":"App One",)" +
+               R"("sdkVersion":"3.1.4","sdkLanguage":"C++","clientProcessId":)" + std::to_string(pid) + "}";
+    }
+
+    // The private socket path of an accepted handshake, or "" when refused.
+    std::string Connect(pid_t pid, const std::string& id = "app.one")
+    {
+        auto reply = Handshake(HandshakeFor(pid, id));
+        EXPECT_TRUE(reply);
+        return reply ? ParsePayload(*reply)["callbackConnection"].asString() : std::string();
+    }
+
+    VEQ::Test::TempRoot root_;
+    std::string globalPath_;
+    std::unique_ptr<AppExtensionOperator> operator_;
+    ClientConnection global_;
+    int handshakes_ = 0;
+};
+
+TEST_P(AppExtensionOperatorTest, ALiveProcessGetsAPrivateBrokerThatAnswersCommands)
+{
+    auto reply = Handshake(HandshakeFor(::getpid()));
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->message.guid, "hs-1");
+    EXPECT_EQ(reply->message.notification.command, "ConnectTo-Veq");
+    const Json::Value payload = ParsePayload(*reply);
+    EXPECT_EQ(payload["response"].asString(), "accepted");
+    EXPECT_EQ(payload["sdkVersion"].asString(), "3.1.4");
+    EXPECT_FALSE(payload["serverVersion"].asString().empty());
+    const std::string privatePath = payload["callbackConnection"].asString();
+    const std::string folder = GetParam() == ElevationType::User ? "/Broker/SharedUser/" : "/Broker/Elevated/";
+    EXPECT_EQ(privatePath.rfind(root_.PathUtf8() + folder, 0), 0u) << privatePath;
+
+    ClientConnection app;
+    ASSERT_TRUE(app.Connect(privatePath, 5s)) << app.LastError();
+    Message status;
+    status.guid = "status-1";
+    status.notification.command = "Get-VeqStatus";
+    auto result = app.Send(status, 5s);
+    ASSERT_TRUE(result);
+    EXPECT_TRUE(result->isSuccess);
+    EXPECT_EQ(result->message.guid, "status-1");
+    EXPECT_EQ(result->message.notification.command, "Receive-VeqStatus");
+    for (const char* key : {"deviceId", "version", "tenantName", "enterpriseAuthBaseUri", "consumerAuthBaseUri",
+                            "apiBaseUri"}) {
+        EXPECT_TRUE(ParsePayload(*result).isMember(key)) << key;
+    }
+
+    Message tags;
+    tags.guid = "tags-1";
+    tags.notification.command = "Get-VeqTags";
+    result = app.Send(tags, 5s);
+    ASSERT_TRUE(result);
+    EXPECT_TRUE(result->isSuccess);
+    EXPECT_EQ(result->message.notification.command, "Receive-VeqTags");
+    EXPECT_EQ(result->message.notification.payload, "null");
+}
+
+TEST_P(AppExtensionOperatorTest, HandshakesThatCannotBeServedGetAnEmptyConnection)
+{
+    int exited = ::fork();
+    if (exited == 0) {
+        ::_exit(0);
+    }
+    ::waitpid(exited, nullptr, 0);
+    for (const std::string& payload : {std::string("{}"), HandshakeFor(exited), HandshakeFor(0)}) {
+        auto reply = Handshake(payload);
+        ASSERT_TRUE(reply) << payload;
+        const Json::Value answer = ParsePayload(*reply);
+        EXPECT_EQ(answer["callbackConnection"].asString(), "") << payload;
+        EXPECT_EQ(answer["response"].asString(), "accepted") << payload;
+    }
+}
+
+TEST_P(AppExtensionOperatorTest, BrokenJsonGetsNoReplyAndTheOperatorKeepsServing)
+{
+    EXPECT_FALSE(Handshake("{not json", 300ms));
+    Message other;
+    other.guid = "other";
+    other.notification.command = "Get-VeqStatus";
+    EXPECT_FALSE(global_.Send(other, 300ms)) << "the global socket answered something else than a handshake";
+    EXPECT_FALSE(Connect(::getpid()).empty());
+}
+
+TEST_P(AppExtensionOperatorTest, AHandshakeFieldOfTheWrongTypeEndsTheWorkerButNotTheBrokers)
+{
+    const std::string accepted = Connect(::getpid());
+    ASSERT_FALSE(accepted.empty());
+    EXPECT_FALSE(Handshake(R"({"clientProcessId":"not a number"})", 300ms));
+    EXPECT_FALSE(Handshake(HandshakeFor(::getpid()), 300ms)) << "the worker should have ended";
+
+    ClientConnection app;
+    ASSERT_TRUE(app.Connect(accepted, 5s)) << app.LastError();
+    Message status;
+    status.guid = "still";
+    status.notification.command = "Get-VeqStatus";
+    EXPECT_TRUE(app.Send(status, 5s)) << "an existing broker stopped serving";
+
+    // Suspend and Start bring the front door back.
+    operator_->Suspend();
+    operator_->Start();
+    global_.Close();
+    ASSERT_TRUE(global_.ConnectRequestsOnly(globalPath_, 5s));
+    EXPECT_FALSE(Connect(::getpid()).empty());
+}
+
+TEST_P(AppExtensionOperatorTest, FiftyLiveConnectionsPerProcessAndEachProcessCountsApart)
+{
+    Sleeper first;
+    Sleeper second;
+    std::vector<std::string> paths;
+    for (int i = 0; i < 50; ++i) {
+        paths.push_back(Connect(first.Pid()));
+        ASSERT_FALSE(paths.back().empty()) << "connection " << i + 1 << " refused";
+    }
+    EXPECT_TRUE(Connect(first.Pid()).empty()) << "the 51st connection was accepted";
+    EXPECT_FALSE(Connect(second.Pid()).empty()) << "another process shares the first one's limit";
+
+    // A connection that ends frees its slot once the sweep has run.
+    ClientConnection closing;
+    ASSERT_TRUE(closing.ConnectRequestsOnly(paths.front(), 5s));
+    ASSERT_TRUE(closing.SendRaw({R"({"guid":"bye","notification":{"command":"Close-Connection"}})"}));
+    ASSERT_TRUE(VEQ::Test::Eventually([&] { return !Exists(paths.front()); }, 5s)) << "the closed broker stayed";
+    EXPECT_FALSE(Connect(first.Pid()).empty()) << "the freed slot was not given again";
+    EXPECT_TRUE(Connect(first.Pid()).empty());
+}
+
+TEST_P(AppExtensionOperatorTest, AClientWhoseProcessEndsLosesItsBrokerAndItsFiles)
+{
+    Sleeper client;
+    const std::string path = Connect(client.Pid());
+    ASSERT_FALSE(path.empty());
+    ClientConnection app;
+    ASSERT_TRUE(app.Connect(path, 5s)) << app.LastError();
+    client.Kill();
+    EXPECT_TRUE(VEQ::Test::Eventually([&] { return !Exists(path) && !Exists(path + "_notify"); }, 5s))
+        << "the broker of a dead process is still there";
+}
+
+TEST_P(AppExtensionOperatorTest, SuspendTellsEveryAppToStopAndRemovesTheirSockets)
+{
+    const std::string path = Connect(::getpid());
+    ClientConnection app;
+    ASSERT_TRUE(app.Connect(path, 5s)) << app.LastError();
+    operator_->Suspend();
+    EXPECT_EQ(operator_->GetState(), OperatorState::Stopped);
+    auto push = app.NextPush(5s);
+    ASSERT_TRUE(push);
+    EXPECT_EQ(push->command, "StopAppExtension");
+    EXPECT_FALSE(Exists(path));
+    operator_->Start();
+    EXPECT_EQ(operator_->GetState(), OperatorState::Started);
+}
+
+TEST_P(AppExtensionOperatorTest, FanOutsReachEveryApp)
+{
+    std::vector<std::unique_ptr<ClientConnection>> apps;
+    for (int i = 0; i < 3; ++i) {
+        apps.push_back(std::make_unique<ClientConnection>());
+        ASSERT_TRUE(apps.back()->Connect(Connect(::getpid(), "app." + std::to_string(i)), 5s));
+    }
+    operator_->notifyExtensionAppsAboutConfigChanges({"Receive-DeviceConfig", "{}", "", ""});
+    for (auto& app : apps) {
+        auto push = app->NextPush(5s);
+        ASSERT_TRUE(push);
+        EXPECT_EQ(push->command, "Receive-DeviceConfig");
+    }
+}
+
+TEST_P(AppExtensionOperatorTest, ATargetedMessageGoesToTheOldestConnectionOfTheTargetProcess)
+{
+    Sleeper process;
+    std::vector<std::unique_ptr<ClientConnection>> apps;
+    for (int i = 0; i < 2; ++i) {
+        apps.push_back(std::make_unique<ClientConnection>());
+        const int index = i;
+        apps.back()->SetRequestHandler([index](const Message& message) {
+            Result reply;
+            reply.isSuccess = true;
+            reply.message.guid = message.guid;
+            reply.message.notification.payload = "from " + std::to_string(index) + " " + message.notification.payload;
+            return reply;
+        });
+        ASSERT_TRUE(apps.back()->Connect(Connect(process.Pid(), "target.app"), 5s));
+    }
+    Message message;
+    message.guid = "routed";
+    message.senderId = "sender.app";
+    message.senderName = "Sender";
+    message.notification = {"Do-Something", R"({"x":1})", "TARGET.app", ""};
+    Result result;
+    ASSERT_TRUE(operator_->RouteToOldestConnection("TARGET.app", message, result, nullptr));
+    EXPECT_EQ(result.message.notification.payload,
+              R"(from 0 {"sender_id":"sender.app","sender_name":"Sender","x":1})");
+    EXPECT_FALSE(operator_->RouteToOldestConnection("nobody", message, result, nullptr));
+}
+
+INSTANTIATE_TEST_SUITE_P(BothSides, AppExtensionOperatorTest,
+                         ::testing::Values(ElevationType::User, ElevationType::Elevated),
+                         [](const auto& row) { return row.param == ElevationType::User ? "User" : "Elevated"; });
+
+}  // namespace
+}  // namespace VEQ
