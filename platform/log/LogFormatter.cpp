@@ -77,17 +77,17 @@ void AppendField(std::string& out, std::string_view text, const Conversion& conv
 template <typename Value>
 void AppendPrintf(std::string& out, const Conversion& conversion, const char* lengthModifier, char type, Value value)
 {
-    std::string spec = "%" + conversion.flags;
+    std::string printfFormat = "%" + conversion.flags;
     if (conversion.width >= 0) {
-        spec += std::to_string(conversion.width);
+        printfFormat += std::to_string(conversion.width);
     }
     if (conversion.precision >= 0) {
-        spec += "." + std::to_string(conversion.precision);
+        printfFormat += "." + std::to_string(conversion.precision);
     }
-    spec += lengthModifier;
-    spec += type;
+    printfFormat += lengthModifier;
+    printfFormat += type;
     char buffer[128];
-    const int needed = std::snprintf(buffer, sizeof buffer, spec.c_str(), value);
+    const int needed = std::snprintf(buffer, sizeof buffer, printfFormat.c_str(), value);
     if (needed < 0) {
         return;
     }
@@ -96,7 +96,7 @@ void AppendPrintf(std::string& out, const Conversion& conversion, const char* le
         return;
     }
     std::string large(static_cast<size_t>(needed) + 1, '\0');
-    std::snprintf(large.data(), large.size(), spec.c_str(), value);
+    std::snprintf(large.data(), large.size(), printfFormat.c_str(), value);
     large.resize(static_cast<size_t>(needed));
     out += large;
 }

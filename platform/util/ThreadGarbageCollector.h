@@ -20,6 +20,9 @@ public:
 
     // Blocks until every thread dumped before the call has been joined. Not for dumped threads themselves.
     void JoinAll();
+    // Joins the reaper after it has joined everything dumped, for a process that ends with no
+    // thread left. Later dumps are joined on the caller.
+    void Shutdown();
 
     ThreadGarbageCollector(const ThreadGarbageCollector&) = delete;
     ThreadGarbageCollector& operator=(const ThreadGarbageCollector&) = delete;
@@ -30,8 +33,6 @@ private:
     ThreadGarbageCollector() = default;
     ~ThreadGarbageCollector();
 
-    // Joins the reaper after it has joined everything dumped. Later dumps are joined on the caller.
-    void Shutdown();
     void Reap();
     static void JoinAndDelete(std::thread* thread);
 

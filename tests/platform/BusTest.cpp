@@ -222,40 +222,23 @@ TEST(BusTest, NoCallbackStartsOrRunsAfterUnsubscribeReturns)
     EXPECT_EQ(violations, 0);
 }
 
-TEST(BusTest, ANewSubscriberGetsEventsFromTheNextOneOn)
+TEST(BusTest, CallbacksMaySubscribeAndPublishDuringADelivery)
 {
-    WithinDeadline("subscribe during delivery", [] {
+    WithinDeadline("subscribe and publish from a callback", [] {
         Subscriptions subscriptions;
         Calls calls;
-        bool added = false;
         subscriptions.Add([&](VEQNotificationData& data) {
             calls.Add("first " + std::to_string(data.getTopicId()));
-            if (!added) {
-                added = true;
+            if (data.getTopicId() == 1) {
+                // The newcomer misses the event being delivered, not the nested one.
                 subscriptions.Add([&](VEQNotificationData& later) {
                     calls.Add("newcomer " + std::to_string(later.getTopicId()));
                 });
-            }
-        });
-        Publish(1);
-        Publish(2);
-        EXPECT_EQ(calls.Take(), (std::vector<std::string>{"first 1", "first 2", "newcomer 2"}));
-    });
-}
-
-TEST(BusTest, CallbacksMayPublishFromInsideADelivery)
-{
-    WithinDeadline("nested notify", [] {
-        Subscriptions subscriptions;
-        Calls calls;
-        subscriptions.Add([&](VEQNotificationData& data) {
-            calls.Add("outer " + std::to_string(data.getTopicId()));
-            if (data.getTopicId() == 1) {
                 Publish(2);
             }
         });
         Publish(1);
-        EXPECT_EQ(calls.Take(), (std::vector<std::string>{"outer 1", "outer 2"}));
+        EXPECT_EQ(calls.Take(), (std::vector<std::string>{"first 1", "first 2", "newcomer 2"}));
     });
 }
 

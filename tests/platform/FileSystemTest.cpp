@@ -4,6 +4,7 @@
 #include "platform/string/String.h"
 #include "tests/support/TempRoot.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -187,61 +188,33 @@ TEST_F(FileSystemTest, RemoveFileTakesUtf8AndRefusesDirectories)
     EXPECT_TRUE(FileSystem::directoryExists(At(L"folder")));
 }
 
-// The facades reach whatever file system is installed, so module tests can use a double.
-class RecordingFileSystem : public IFileSystem {
+// Module tests put doubles behind the facades; FileUtils' UTF-8 path must arrive intact.
+class MockFileSystem : public IFileSystem {
 public:
-    std::vector<std::wstring> calls;
-    bool fileExists(const std::wstring& path) override { return Record(L"fileExists " + path); }
-    bool directoryExists(const std::wstring& path) override { return Record(L"directoryExists " + path); }
-    bool createDirectory(const std::wstring& path, bool) override { return Record(L"createDirectory " + path); }
-    bool deleteDirectoryOrFile(const std::wstring& path, bool) override { return Record(L"delete " + path); }
-    bool copyFile(const std::wstring& from, const std::wstring&) override { return Record(L"copyFile " + from); }
-    bool copyDir(const std::wstring& from, const std::wstring&) override { return Record(L"copyDir " + from); }
-    bool removeFile(const std::wstring& path) override { return Record(L"removeFile " + path); }
-    std::vector<std::wstring> GetFileList(const std::wstring& mask) override
-    {
-        Record(L"GetFileList " + mask);
-        return {L"one"};
-    }
-    std::vector<std::wstring> GetDirectoriesForFolder(const std::wstring& folder) override
-    {
-        Record(L"GetDirectoriesForFolder " + folder);
-        return {};
-    }
-    bool FindDirectoryInDirectoryTree(const std::wstring& root, const std::wstring&, std::wstring&) override
-    {
-        return Record(L"Find " + root);
-    }
-
-private:
-    bool Record(const std::wstring& call)
-    {
-        calls.push_back(call);
-        return true;
-    }
+    MOCK_METHOD(bool, fileExists, (const std::wstring&), (override));
+    MOCK_METHOD(bool, directoryExists, (const std::wstring&), (override));
+    MOCK_METHOD(bool, createDirectory, (const std::wstring&, bool), (override));
+    MOCK_METHOD(bool, deleteDirectoryOrFile, (const std::wstring&, bool), (override));
+    MOCK_METHOD(bool, copyFile, (const std::wstring&, const std::wstring&), (override));
+    MOCK_METHOD(bool, copyDir, (const std::wstring&, const std::wstring&), (override));
+    MOCK_METHOD(bool, removeFile, (const std::wstring&), (override));
+    MOCK_METHOD(std::vector<std::wstring>, GetFileList, (const std::wstring&), (override));
+    MOCK_METHOD(std::vector<std::wstring>, GetDirectoriesForFolder, (const std::wstring&), (override));
+    MOCK_METHOD(bool, FindDirectoryInDirectoryTree, (const std::wstring&, const std::wstring&, std::wstring&), (override));
 };
 
 TEST(FileSystemFacadeTest, CallsReachTheInstalledFileSystem)
 {
-    auto double_ = std::make_shared<RecordingFileSystem>();
+    auto mock = std::make_shared<::testing::StrictMock<MockFileSystem>>();
     PlatformServices services;
-    services.fileSystem = double_;
+    services.fileSystem = mock;
     VEQ::Test::TempRoot root(services);
-    std::wstring found;
-    FileSystem::fileExists(L"f");
-    FileSystem::directoryExists(L"d");
-    FileSystem::createDirectory(L"c", true);
-    FileSystem::deleteDirectoryOrFile(L"x", false);
-    FileSystem::copyFile(L"s", L"t");
-    FileSystem::copyDir(L"S", L"T");
-    FileUtils::removeFile("caf\xC3\xA9");
-    FileSystem::GetFileList(L"m");
-    FileSystem::GetDirectoriesForFolder(L"r");
-    FileSystem::FindDirectoryInDirectoryTree(L"R", L"n", found);
-    EXPECT_EQ(double_->calls, (std::vector<std::wstring>{L"fileExists f", L"directoryExists d", L"createDirectory c",
-                                                        L"delete x", L"copyFile s", L"copyDir S",
-                                                        L"removeFile caf\u00E9", L"GetFileList m",
-                                                        L"GetDirectoriesForFolder r", L"Find R"}));
+    EXPECT_CALL(*mock, removeFile(std::wstring(L"/x/caf\u00E9"))).WillOnce(::testing::Return(false));
+    EXPECT_CALL(*mock, GetFileList(std::wstring(L"/x/*.json")))
+        .WillOnce(::testing::Return(std::vector<std::wstring>{L"a.json"}));
+    EXPECT_FALSE(FileUtils::removeFile("/x/caf\xC3\xA9"));
+    std::vector<std::wstring> names;
+    EXPECT_EQ(FileSystem::GetFileList(L"/x/*.json", names), 1);
 }
 
 }  // namespace

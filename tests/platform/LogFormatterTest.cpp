@@ -105,7 +105,7 @@ TEST(LogFormatterTest, MismatchedArgumentsPrintAsTheyAre)
     });
 }
 
-TEST(LogFormatterTest, SpecsWithoutArgumentsAndExtraArgumentsAreHarmless)
+TEST(LogFormatterTest, ConversionsWithoutArgumentsAndExtraArgumentsAreHarmless)
 {
     Check({
         {"too few arguments", Format(L"%s and %5d", "x"), "x and %5d"},
@@ -113,8 +113,8 @@ TEST(LogFormatterTest, SpecsWithoutArgumentsAndExtraArgumentsAreHarmless)
         {"extra arguments ignored", Format(L"%s", "a", 1, 2.0), "a"},
         {"percent", Format(L"100%% of %d", 3), "100% of 3"},
         {"unknown conversion kept, argument not used", Format(L"%q %s", "x"), "%q x"},
-        {"unfinished spec at the end", Format(L"50%", 1), "50%"},
-        {"unfinished spec with flags", Format(L"%s %-0", "a"), "a %-0"},
+        {"unfinished conversion at the end", Format(L"50%", 1), "50%"},
+        {"unfinished conversion with flags", Format(L"%s %-0", "a"), "a %-0"},
         {"empty format", Format(L"", 1), ""},
         {"huge width is capped", std::to_string(Format(L"%99999999d", 1).size()), "1024"},
     });

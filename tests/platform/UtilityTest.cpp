@@ -109,12 +109,5 @@ TEST_F(UtilityTest, CreateFileWithAclRefusesWhatIsNotARegularFile)
     EXPECT_EQ(ModeOf(At("target")), 0600u);
 }
 
-TEST_F(UtilityTest, TheDataRootIsTheInstalledOne)
-{
-    std::wstring path;
-    ASSERT_TRUE(utility::GetVeqAppDataRootPath(path));
-    EXPECT_EQ(path, root_.Path());
-}
-
 }  // namespace
 }  // namespace VEQ

@@ -20,11 +20,17 @@ TempRoot::TempRoot(PlatformServices services)
     chmod(pattern.c_str(), 0755);  // other users' test processes reach shared folders below it
     pathUtf8_ = pattern;
     path_ = String::UTF8ToUTF16(pathUtf8_);
-    Platform::Install({path_, L"", L""}, std::move(services));
+    PlatformPaths paths;
+    paths.dataRoot = path_;
+    Platform::Install(paths, std::move(services));
 }
 
 TempRoot::~TempRoot()
 {
+    // Doubles installed for the test go with it; the paths stay until the next root is installed.
+    PlatformPaths paths;
+    paths.dataRoot = path_;
+    Platform::Install(paths);
     std::error_code error;
     std::filesystem::remove_all(pathUtf8_, error);
 }

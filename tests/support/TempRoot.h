@@ -1,6 +1,7 @@
 #pragma once
 // A private data root for one test: a fresh directory under /tmp installed as the platform's
-// data root (logs and registry below it), removed with everything in it when the object goes.
+// data root (logs and registry below it), with the given doubles installed. When the object goes,
+// the directory is removed with everything in it and the doubles are replaced by the Linux services.
 
 #include "platform/Platform.h"
 

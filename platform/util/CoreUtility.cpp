@@ -1,0 +1,77 @@
+#include "platform/util/CoreUtility.h"
+
+#include "platform/string/String.h"
+
+#include <algorithm>
+#include <cctype>
+#include <fstream>
+#include <optional>
+
+namespace VEQ {
+namespace {
+
+constexpr size_t kMachineIdDigits = 32;
+
+// A machine-id file holds 32 lower-case hex digits and a line feed. An empty file, or
+// "uninitialized" while the system is first booting, holds no id yet.
+std::optional<std::wstring> ReadMachineId(const std::wstring& path)
+{
+    std::ifstream file(String::UTF16ToUTF8(path));
+    std::string line;
+    if (!file || !std::getline(file, line)) {
+        return std::nullopt;
+    }
+    if (line.size() != kMachineIdDigits ||
+        !std::all_of(line.begin(), line.end(), [](unsigned char c) { return std::isxdigit(c) != 0; }) ||
+        line.find_first_not_of('0') == std::string::npos) {
+        return std::nullopt;
+    }
+    std::wstring id;
+    for (size_t n = 0; n < line.size(); ++n) {
+        if (n == 8 || n == 12 || n == 16 || n == 20) {
+            id += L'-';
+        }
+        id += static_cast<wchar_t>(std::toupper(static_cast<unsigned char>(line[n])));
+    }
+    return id;
+}
+
+}  // namespace
+
+CoreUtility* CoreUtility::GetInstance()
+{
+    static CoreUtility* instance = new CoreUtility();  // handlers may still run while statics go
+    return instance;
+}
+
+CoreUtility::CoreUtility() : machineIdFiles_(DefaultMachineIdFiles()) {}
+
+std::vector<std::wstring> CoreUtility::DefaultMachineIdFiles()
+{
+    return {L"/etc/machine-id", L"/var/lib/dbus/machine-id"};
+}
+
+void CoreUtility::SetMachineIdFiles(std::vector<std::wstring> files)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    machineIdFiles_ = std::move(files);
+}
+
+bool CoreUtility::GetDeviceIdentity(DeviceIdentity& identity)
+{
+    std::vector<std::wstring> files;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        files = machineIdFiles_;
+    }
+    for (const auto& file : files) {
+        if (auto id = ReadMachineId(file)) {
+            identity.deviceId = std::move(*id);
+            return true;
+        }
+    }
+    identity.deviceId.clear();
+    return false;
+}
+
+}  // namespace VEQ

@@ -1,0 +1,42 @@
+#pragma once
+// Device-level services of the host. For now: who this device is.
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace VEQ {
+
+// The device as the management back end knows it.
+struct DeviceIdentity {
+    // The machine id as "XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX" (upper-case hex): stable across
+    // restarts and updates of the service, new only when the system is reinstalled.
+    std::wstring deviceId;
+};
+
+class CoreUtility {
+public:
+    static CoreUtility* GetInstance();
+
+    CoreUtility(const CoreUtility&) = delete;
+    CoreUtility& operator=(const CoreUtility&) = delete;
+    virtual ~CoreUtility() = default;
+
+    // Reads the first machine-id file that holds a valid id (32 hex digits, not all zero).
+    // False, with an empty deviceId, when none does.
+    virtual bool GetDeviceIdentity(DeviceIdentity& identity);
+
+    // Where the machine id is looked for, in order: /etc/machine-id, then D-Bus's copy for
+    // systems without systemd. Replaceable for tests and for systems that keep it elsewhere.
+    static std::vector<std::wstring> DefaultMachineIdFiles();
+    void SetMachineIdFiles(std::vector<std::wstring> files);
+
+protected:
+    CoreUtility();
+
+private:
+    std::mutex mutex_;  // guards machineIdFiles_
+    std::vector<std::wstring> machineIdFiles_;
+};
+
+}  // namespace VEQ
