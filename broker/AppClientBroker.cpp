@@ -1,6 +1,7 @@
 #include "broker/AppClientBroker.h"
 
 #include "broker/AppHandlerFactory.h"
+#include "mqtt/ExtensionMqttBroker.h"
 
 namespace VEQ {
 
@@ -11,7 +12,18 @@ AppClientBroker::AppClientBroker(const BrokerContext& brokerContext, const Clien
 
 AppClientBroker::~AppClientBroker()
 {
+    ReleaseMqttClaim();
     delete handlerFactory;
+}
+
+// An app that leaves gives up its claim on an on-demand connection, so that the connection
+// goes when the last app that wanted it has gone.
+void AppClientBroker::ReleaseMqttClaim()
+{
+    if (ExtensionMqttBroker::IsMqttConnectingOnDemand()) {
+        ExtensionMqttBroker::DisableMqttConnection(get_clientContext().extensionId,
+                                                   get_brokerContext().getElevationType());
+    }
 }
 
 void AppClientBroker::Start()
@@ -23,6 +35,7 @@ void AppClientBroker::Start()
 
 void AppClientBroker::Suspend()
 {
+    ReleaseMqttClaim();
     SuspendServer();
 }
 

@@ -20,6 +20,8 @@ public:
     void OnVEQNotification(VEQNotificationData& data);
 
 private:
+    void ReleaseMqttClaim();
+
     IAppHandlerFactory* handlerFactory;
 };
 

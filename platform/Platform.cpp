@@ -1,6 +1,9 @@
 #include "platform/Platform.h"
 
 #include "platform/fs/LinuxFileSystem.h"
+#include "platform/mqtt/INotificationAgent.h"
+#include "platform/policy/ConfigPolicyAgent.h"
+#include "platform/process/LinuxProcessApi.h"
 #include "platform/registry/SqliteRegistryStore.h"
 #include "platform/string/String.h"
 
@@ -46,9 +49,18 @@ void CompleteServices(const PlatformPaths& paths, PlatformServices& services)
     if (!services.registry) {
         services.registry = std::make_shared<SqliteRegistryStore>(paths.registryRoot);
     }
+    if (!services.process) {
+        services.process = std::make_shared<LinuxProcessApi>();
+    }
+    if (!services.configAgent) {
+        // The agent is a process-wide singleton; the pointer does not own it.
+        services.configAgent = std::shared_ptr<IConfigAgent>(ConfigPolicyAgent::GetInstance(), [](IConfigAgent*) {});
+    }
 }
 
-Installed& Ready()
+// A copy of one installed member, installing the defaults first if nobody has.
+template <typename Member>
+Member Read(Member PlatformServices::*member)
 {
     Installed& state = State();
     std::lock_guard<std::mutex> lock(state.mutex);
@@ -57,7 +69,7 @@ Installed& Ready()
         CompleteServices(state.paths, state.services);
         state.done = true;
     }
-    return state;
+    return state.services.*member;
 }
 
 }  // namespace
@@ -75,30 +87,40 @@ void Platform::Install(const PlatformPaths& paths, PlatformServices services)
 
 PlatformPaths Platform::Paths()
 {
-    Installed& state = Ready();
+    Read(&PlatformServices::fileSystem);  // completes the defaults
+    Installed& state = State();
     std::lock_guard<std::mutex> lock(state.mutex);
     return state.paths;
 }
 
 std::shared_ptr<IFileSystem> Platform::FileSystem()
 {
-    Installed& state = Ready();
-    std::lock_guard<std::mutex> lock(state.mutex);
-    return state.services.fileSystem;
+    return Read(&PlatformServices::fileSystem);
 }
 
 std::shared_ptr<IRegistryStore> Platform::Registry()
 {
-    Installed& state = Ready();
-    std::lock_guard<std::mutex> lock(state.mutex);
-    return state.services.registry;
+    return Read(&PlatformServices::registry);
 }
 
-std::function<Tavrin::Veq::ClientBroker::INotificationBase*(const std::string& role)> Platform::EndpointFactory()
+std::shared_ptr<IProcessApi> Platform::Process()
 {
-    Installed& state = Ready();
-    std::lock_guard<std::mutex> lock(state.mutex);
-    return state.services.endpointFactory;
+    return Read(&PlatformServices::process);
+}
+
+std::shared_ptr<IConfigAgent> Platform::ConfigAgent()
+{
+    return Read(&PlatformServices::configAgent);
+}
+
+std::shared_ptr<INotificationAgent> Platform::NotificationAgent()
+{
+    return Read(&PlatformServices::notificationAgent);
+}
+
+EndpointFactoryFunction Platform::EndpointFactory()
+{
+    return Read(&PlatformServices::endpointFactory);
 }
 
 std::wstring Platform::DefaultDataRoot()

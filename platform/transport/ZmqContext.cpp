@@ -1,8 +1,9 @@
 #include "platform/transport/ZmqContext.h"
 
 namespace Tavrin::Veq::ClientBroker {
+namespace {
 
-zmq::context_t& ZmqContext::Get()
+zmq::context_t& Instance()
 {
     static zmq::context_t* context = [] {
         auto* created = new zmq::context_t(1);
@@ -10,6 +11,18 @@ zmq::context_t& ZmqContext::Get()
         return created;
     }();
     return *context;
+}
+
+}  // namespace
+
+zmq::context_t& ZmqContext::Get()
+{
+    return Instance();
+}
+
+void ZmqContext::Terminate()
+{
+    Instance().close();
 }
 
 }  // namespace Tavrin::Veq::ClientBroker

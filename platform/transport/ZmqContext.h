@@ -9,6 +9,9 @@ namespace Tavrin::Veq::ClientBroker {
 class ZmqContext {
 public:
     static zmq::context_t& Get();
+    // Ends the context and its threads once every socket is closed; for a clean process exit.
+    // Nothing may use ZeroMQ afterwards.
+    static void Terminate();
 };
 
 }  // namespace Tavrin::Veq::ClientBroker

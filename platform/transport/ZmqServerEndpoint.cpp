@@ -105,11 +105,15 @@ ZmqServerEndpoint::~ZmqServerEndpoint()
 
 int ZmqServerEndpoint::Start(ConnectionDetails& details)
 {
-    std::lock_guard<std::mutex> lock(stateMutex_);
-    if (started_ || stopped_) {
-        return EALREADY;
+    // Locks are taken one at a time here: elsewhere the request lock comes before the state lock.
+    {
+        std::lock_guard<std::mutex> lock(stateMutex_);
+        if (started_ || stopped_ || starting_) {
+            return EALREADY;
+        }
+        starting_ = true;
+        path_ = details.endpoint;
     }
-    path_ = details.endpoint;
     const mode_t mode = SocketFile::ModeFor(path_);
     auto request = NewRouter();
     auto notify = NewRouter();
@@ -119,6 +123,8 @@ int ZmqServerEndpoint::Start(ConnectionDetails& details)
     }
     if (rc != 0) {
         g_log.e(L"%s: bind failed on %s: %s", kClass, path_, std::strerror(rc));
+        std::lock_guard<std::mutex> lock(stateMutex_);
+        starting_ = false;
         return rc;
     }
     {
@@ -126,12 +132,16 @@ int ZmqServerEndpoint::Start(ConnectionDetails& details)
         requestSocket_ = std::move(request);
     }
     notifySocket_ = std::move(notify);
-    replyEnvelope_ = ReplyRoutes::TakeOver(path_);
-    replyEnvelopeHandedOver_ = replyEnvelope_.has_value();
-    started_ = true;
+    {
+        std::lock_guard<std::mutex> lock(stateMutex_);
+        replyEnvelope_ = ReplyRoutes::TakeOver(path_);
+        replyEnvelopeHandedOver_ = replyEnvelope_.has_value();
+        started_ = true;
+        starting_ = false;
+    }
     {
         std::lock_guard<std::mutex> notifyLock(notifyMutex_);
-        notifyStopping_ = false;
+        notifyStopping_ = stopped_;
     }
     notifyThread_ = std::thread(&ZmqServerEndpoint::NotifyThread, this);
     return 0;

@@ -100,6 +100,7 @@ private:
     std::mutex stateMutex_;
     std::condition_variable idle_;
     bool started_ = false;
+    bool starting_ = false;
     std::atomic<bool> stopped_{false};
     int activeCalls_ = 0;
     std::optional<Frames> replyEnvelope_;

@@ -1,0 +1,243 @@
+#include "daemon/ControlServer.h"
+
+#include "platform/Platform.h"
+#include "platform/bus/VEQNotificationData.h"
+#include "platform/bus/VEQPublisherSubscriber.h"
+#include "platform/log/Log.h"
+#include "platform/string/String.h"
+#include "platform/transport/WireCodec.h"
+#include "platform/transport/ZmqServerEndpoint.h"
+#include "sdk/ControlProtocol.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace VEQ {
+namespace {
+
+using Tavrin::Veq::ClientBroker::ConnectionDetails;
+using Tavrin::Veq::ClientBroker::INotificationBase;
+using Tavrin::Veq::ClientBroker::WireCodec;
+using Tavrin::Veq::ClientBroker::ZmqServerEndpoint;
+namespace Protocol = ::Veq::Sdk::ControlProtocol;
+
+constexpr const wchar_t* kClass = L"VEQ::ControlServer";
+constexpr const char* kNotifySuffix = "_notify";
+constexpr int32_t kNotSupportedStatus = -1;
+constexpr const char* kNotSupportedText = "Command not Supported";
+constexpr int32_t kSubscriberFailedStatus = 500;
+constexpr mode_t kPrivateMode = 0600;
+
+ControlServer::Result Answer(const ControlServer::Message& request, bool success, int32_t statusCode,
+                             const std::string& statusText)
+{
+    ControlServer::Result result;
+    result.isSuccess = success;
+    result.message = request;
+    result.message.notification.payload = "{}";
+    result.message.statusCode = statusCode;
+    result.message.statusSource = ControlServer::kStatusSource;
+    result.message.statusText = statusText;
+    return result;
+}
+
+ControlServer::Result BadRequest(const ControlServer::Message& request, const std::string& statusText)
+{
+    g_log.w(L"%s: refused a request: %s", L"VEQ::ControlServer::PublishEvent", statusText);
+    return Answer(request, false, Protocol::kBadRequestStatus, statusText);
+}
+
+bool IsInteger(const Json::Value& value)
+{
+    // Reals are refused even when whole: a topic written 6.0 is not what the tool meant to send.
+    return (value.type() == Json::intValue || value.type() == Json::uintValue) && value.isInt();
+}
+
+// A socket file of an earlier run (one that did not stop cleanly) would lend its mode to the new
+// socket; it goes first. The "_notify" file needs no such care: the endpoint renames its new
+// socket over it with the mode of the placeholder.
+bool RemoveStale(const std::string& path)
+{
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) != 0) {
+        return errno == ENOENT;
+    }
+    if (S_ISDIR(status.st_mode)) {
+        return false;
+    }
+    return ::unlink(path.c_str()) == 0;
+}
+
+// The endpoint takes the mode of the file it replaces, so the socket is never reachable by others,
+// not even for the moment between binding and setting its mode.
+bool CreatePlaceholder(const std::string& path)
+{
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kPrivateMode);
+    if (fd < 0) {
+        return false;
+    }
+    const bool done = ::fchmod(fd, kPrivateMode) == 0;
+    ::close(fd);
+    return done;
+}
+
+}  // namespace
+
+ControlServer::ControlServer(std::wstring dataRoot) : configuredRoot_(std::move(dataRoot)) {}
+
+ControlServer::~ControlServer()
+{
+    Stop();
+}
+
+std::string ControlServer::SocketPath() const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    return path_;
+}
+
+bool ControlServer::Start()
+{
+    const wchar_t* function = L"VEQ::ControlServer::Start";
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (endpoint_) {
+        return true;
+    }
+    const std::string root =
+        String::UTF16ToUTF8(configuredRoot_.empty() ? Platform::Paths().dataRoot : configuredRoot_);
+    std::error_code error;
+    std::filesystem::create_directories(root, error);
+    const std::string path = root + "/" + Protocol::kSocketName;
+    if (error || !RemoveStale(path) || !CreatePlaceholder(path)) {
+        g_log.e(L"%s: cannot prepare the control socket %s: %s", function, path,
+                error ? error.message() : std::string(std::strerror(errno)));
+        return false;
+    }
+    auto endpoint = std::make_unique<ZmqServerEndpoint>();
+    ConnectionDetails details;
+    details.method = 1;
+    details.endpoint = path;
+    if (const int rc = endpoint->Start(details); rc != 0) {
+        g_log.e(L"%s: cannot listen on %s: %s", function, path, std::strerror(rc));
+        ::unlink(path.c_str());
+        return false;
+    }
+    path_ = path;
+    endpoint_ = std::move(endpoint);
+    stopping_ = false;
+    thread_ = std::thread(&ControlServer::ServeThread, this);
+    g_log.i(L"%s: listening on %s", function, path_);
+    return true;
+}
+
+void ControlServer::Stop()
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!endpoint_) {
+        return;
+    }
+    stopping_ = true;
+    endpoint_->Stop();
+    if (thread_.joinable()) {
+        thread_.join();
+    }
+    endpoint_.reset();
+    ::unlink(path_.c_str());
+    ::unlink((path_ + kNotifySuffix).c_str());
+    g_log.i(L"%s: stopped", L"VEQ::ControlServer::Stop");
+}
+
+void ControlServer::ServeThread()
+{
+    const wchar_t* function = L"VEQ::ControlServer::ServeThread";
+    try {
+        while (!stopping_) {
+            Result received = endpoint_->Wait(INotificationBase::kInfinite);
+            if (stopping_) {
+                break;
+            }
+            const Message& request = received.message;
+            if (request.notification.command.empty() && request.guid.empty() &&
+                request.statusCode == INotificationBase::kWaitFailed) {
+                g_log.e(L"%s: the control socket failed; no more events are taken", function);
+                break;
+            }
+            Result answer;
+            try {
+                answer = Handle(request);
+            } catch (const std::exception& failure) {
+                g_log.e(L"%s: Exception: %s", function, failure.what());
+                answer = Answer(request, false, kSubscriberFailedStatus,
+                                std::string("The event failed in a subscriber: ") + failure.what());
+            }
+            endpoint_->SendResult(answer);
+        }
+    } catch (const std::exception& failure) {
+        g_log.e(L"%s: Exception: %s", function, failure.what());
+    }
+}
+
+ControlServer::Result ControlServer::Handle(const Message& request)
+{
+    if (request.notification.command == Protocol::kPublishEventCommand) {
+        return PublishEvent(request);
+    }
+    return Answer(request, false, kNotSupportedStatus, kNotSupportedText);
+}
+
+ControlServer::Result ControlServer::PublishEvent(const Message& request)
+{
+    std::string parseError;
+    const auto body = WireCodec::ParseObject(request.notification.payload, parseError);
+    if (!body) {
+        return BadRequest(request, "The payload of \"Publish-Event\" is not a JSON object: " + parseError);
+    }
+    const Json::Value& extensionValue = (*body)[Protocol::kExtension];
+    if (!extensionValue.isNull() && !extensionValue.isBool()) {
+        return BadRequest(request, "\"extension\" must be true or false");
+    }
+    const bool extension = extensionValue.asBool();
+    int numbers[2] = {0, 0};
+    const char* numberNames[2] = {Protocol::kTopic, Protocol::kState};
+    for (int i = 0; i < 2; ++i) {
+        const Json::Value& value = (*body)[numberNames[i]];
+        if (value.isNull() && !extension) {
+            return BadRequest(request, std::string("\"") + numberNames[i] + "\" is required: an integer");
+        }
+        if (!value.isNull() && !IsInteger(value)) {
+            return BadRequest(request, std::string("\"") + numberNames[i] + "\" must be an integer");
+        }
+        numbers[i] = value.isNull() ? 0 : value.asInt();
+    }
+    std::string texts[4];
+    const char* textNames[4] = {Protocol::kPayload, Protocol::kMqttTopic, Protocol::kMessageType, Protocol::kActionType};
+    for (int i = 0; i < 4; ++i) {
+        const Json::Value& value = (*body)[textNames[i]];
+        if (!value.isNull() && !value.isString()) {
+            return BadRequest(request, std::string("\"") + textNames[i] + "\" must be a string");
+        }
+        texts[i] = value.isNull() ? std::string() : value.asString();
+    }
+    const auto& [payload, mqttTopic, messageType, actionType] = texts;
+    if (extension && mqttTopic.empty()) {
+        return BadRequest(request, "\"mqttTopic\" is required for an extension event: the MQTT topic it came in on");
+    }
+
+    VEQNotificationData data(numbers[0], numbers[1], String::UTF8ToUTF16(payload));
+    if (!mqttTopic.empty()) {
+        data.setTopic(String::UTF8ToUTF16(mqttTopic));
+    }
+    data.setExtensionNotification(extension);
+    data.setMessageType(String::UTF8ToUTF16(messageType));
+    data.setActionType(String::UTF8ToUTF16(actionType));
+    g_log.i(L"%s: publishing topic %d state %d extension %d", L"VEQ::ControlServer::PublishEvent", numbers[0],
+            numbers[1], extension ? 1 : 0);
+    VEQPublisherSubscriber::GetInstance()->Notify(data, kPublisherName);
+    return Answer(request, true, 0, "");
+}
+
+}  // namespace VEQ

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace VEQ {
+
+// The host's own settings, which are not policy (docs/veqd.md): developer switches, the tenant's
+// endpoints, and the MQTT broker the service connects to.
+struct HostConfig {
+    bool customSettingsEnabled = false;
+    bool skipSignedContentCheck = false;
+    std::wstring realm;
+
+    struct Mqtt {
+        std::string host;  // empty: the service runs without MQTT
+        int32_t port = 1883;
+        std::string clientId;
+        std::string username;
+        std::string password;
+        int32_t keepAliveSeconds = 30;
+        std::string caFile;
+        std::string certFile;
+        std::string keyFile;
+        std::string topicRoot;
+    } mqtt;
+
+    // Reads a host configuration file. A missing file gives the defaults when optional is true;
+    // anything unreadable or malformed gives nullopt and a message saying what is wrong.
+    static std::optional<HostConfig> Load(const std::string& path, bool optional, std::string& error);
+    static std::optional<HostConfig> Parse(const std::string& text, std::string& error);
+};
+
+}  // namespace VEQ

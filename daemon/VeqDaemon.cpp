@@ -1,0 +1,120 @@
+#include "daemon/VeqDaemon.h"
+
+#include "broker/BrokerFolders.h"
+#include "daemon/ControlServer.h"
+#include "module/ExtensionModule.h"
+#include "platform/Platform.h"
+#include "platform/device/DeveloperSettings.h"
+#include "platform/fs/FileSystem.h"
+#include "platform/fs/utility.h"
+#include "platform/http/EpUrlProvider.h"
+#include "platform/log/Log.h"
+#include "platform/policy/ConfigPolicyAgent.h"
+#include "platform/policy/PolicyFileWatcher.h"
+#include "platform/string/String.h"
+#include "platform/sync/TaskPool.h"
+#include "platform/util/ThreadGarbageCollector.h"
+
+namespace VEQ {
+namespace {
+
+constexpr const wchar_t* kClass = L"VEQ::VeqDaemon";
+
+}  // namespace
+
+VeqDaemon::VeqDaemon(DaemonOptions options) : options_(std::move(options)) {}
+
+VeqDaemon::~VeqDaemon()
+{
+    Stop();
+}
+
+std::string VeqDaemon::ControlSocketPath() const
+{
+    return control_ ? control_->SocketPath() : std::string();
+}
+
+bool VeqDaemon::PrepareRoot(std::string& error)
+{
+    root_ = options_.root.empty() ? String::UTF16ToUTF8(Platform::DefaultDataRoot()) : options_.root;
+    while (root_.size() > 1 && root_.back() == '/') {
+        root_.pop_back();
+    }
+    const std::wstring root = String::UTF8ToUTF16(root_);
+    if (!FileSystem::directoryExists(root) && !FileSystem::createDirectory(root, true)) {
+        error = "cannot create the data directory " + root_ + " (choose another with --root)";
+        return false;
+    }
+    // Apps of every user read the registry and reach the user side's sockets below the root.
+    utility::ApplyFilePermissions(root, BrokerFolders::kSharedUserAcl, false);
+    Platform::Install({root});
+    policyPath_ = options_.policyPath.empty() ? root_ + "/policy.json" : options_.policyPath;
+    return true;
+}
+
+void VeqDaemon::ApplyHostConfig(const HostConfig& config)
+{
+    DeveloperSettings::GetInstance()->SetCustomSettingEnabled(config.customSettingsEnabled);
+    DeveloperSettings::GetInstance()->SetSkipSignedContentCheck(config.skipSignedContentCheck);
+    if (!config.realm.empty()) {
+        EpUrlProvider::GetInstance()->SetRealm(config.realm);
+    }
+}
+
+bool VeqDaemon::Start(std::string& error)
+{
+    if (started_) {
+        return true;
+    }
+    if (!PrepareRoot(error)) {
+        return false;
+    }
+    const bool configGiven = !options_.configPath.empty();
+    const std::string configPath = configGiven ? options_.configPath : root_ + "/veqd.json";
+    auto config = HostConfig::Load(configPath, !configGiven, error);
+    if (!config) {
+        error = "host configuration " + error;
+        return false;
+    }
+    ApplyHostConfig(*config);
+    StartPolicy();
+    control_ = std::make_unique<ControlServer>(String::UTF8ToUTF16(root_));
+    if (!control_->Start()) {
+        error = "cannot open the control socket under " + root_;
+        control_.reset();
+        return false;
+    }
+    void* context = nullptr;
+    ExtensionModule::GetInstance()->Init(context);
+    ExtensionModule::GetInstance()->FullInit();
+    g_log.i(L"%s: started on %s", kClass, root_);
+    started_ = true;
+    return true;
+}
+
+void VeqDaemon::StartPolicy()
+{
+    policy_ = std::make_unique<PolicyFileWatcher>(*ConfigPolicyAgent::GetInstance());
+    if (!policy_->Start(String::UTF8ToUTF16(policyPath_))) {
+        g_log.w(L"%s: changes to %s will not be seen while the service runs", kClass, policyPath_);
+    }
+}
+
+void VeqDaemon::Stop()
+{
+    if (!started_) {
+        return;
+    }
+    started_ = false;
+    policy_->Stop();  // no policy change is applied while the module stops
+    ExtensionModule::GetInstance()->UnInit();
+    control_->Stop();
+    control_.reset();
+    policy_.reset();
+    // Handlers that outlived their wait, and endpoints being stopped, end before the process does.
+    TaskPool::Shared().Drain();
+    ThreadGarbageCollector::GetInstance()->Shutdown();
+    g_log.i(L"%s: stopped", kClass);
+}
+
+}  // namespace VEQ

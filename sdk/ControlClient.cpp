@@ -1,0 +1,89 @@
+#include "sdk/ControlClient.h"
+
+#include "platform/string/String.h"
+#include "platform/transport/ClientConnection.h"
+#include "platform/transport/SocketFile.h"
+#include "platform/transport/WireCodec.h"
+#include "platform/util/CGuid.h"
+#include "sdk/ControlProtocol.h"
+
+#include <json/json.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace Veq::Sdk {
+namespace {
+
+using Tavrin::Veq::ClientBroker::ClientConnection;
+using Tavrin::Veq::ClientBroker::Message;
+using Tavrin::Veq::ClientBroker::SocketFile;
+using Tavrin::Veq::ClientBroker::WireCodec;
+
+}  // namespace
+
+ControlClient::ControlClient(DataRoot root, std::chrono::milliseconds timeout)
+    : root_(std::move(root)), timeout_(timeout), path_(root_.Path() + "/" + ControlProtocol::kSocketName)
+{
+}
+
+std::string ControlClient::EncodeEvent(const ControlEvent& event)
+{
+    namespace P = ControlProtocol;
+    Json::Value body(Json::objectValue);
+    body[P::kTopic] = event.topic;
+    body[P::kState] = event.state;
+    body[P::kPayload] = event.payload;
+    body[P::kExtension] = event.extension;
+    if (event.extension || !event.mqttTopic.empty()) {
+        body[P::kMqttTopic] = event.mqttTopic;
+    }
+    if (!event.messageType.empty()) {
+        body[P::kMessageType] = event.messageType;
+    }
+    if (!event.actionType.empty()) {
+        body[P::kActionType] = event.actionType;
+    }
+    return WireCodec::Write(body);
+}
+
+Error ControlClient::Publish(const ControlEvent& event, Result& result)
+{
+    // Checked once rather than waited for: a missing control socket means the service is not there.
+    switch (const int error = SocketFile::Probe(path_)) {
+    case 0:
+        break;
+    case ENOENT:
+    case ECONNREFUSED:
+        return {ErrorCode::Unreachable, "nothing listens on the control socket " + path_ + " (" + std::strerror(error) +
+                                            "): the service is not running with data root " + root_.Describe() +
+                                            ". Start it, or name its data root (veqctl --root, or VEQ_ROOT)."};
+    case EACCES:
+    case EPERM:
+        return {ErrorCode::PermissionDenied,
+                "permission denied on the control socket " + path_ +
+                    ": it is open only to the service's own user. Run this as that user (for example with sudo)."};
+    default:
+        return {ErrorCode::Unreachable, "cannot reach the control socket " + path_ + ": " + std::strerror(error) + "."};
+    }
+    ClientConnection connection;
+    if (!connection.ConnectRequestsOnly(path_, timeout_)) {
+        return {ErrorCode::Unreachable, "cannot connect to the control socket: " + connection.LastError()};
+    }
+    Message request;
+    request.guid = VEQ::String::UTF16ToUTF8(VEQ::Utility::CGuid::NewGuid(false));
+    request.notification.command = ControlProtocol::kPublishEventCommand;
+    request.notification.payload = EncodeEvent(event);
+    auto reply = connection.Send(request, timeout_);
+    if (!reply) {
+        return {ErrorCode::NoReply, "no answer to \"" + std::string(ControlProtocol::kPublishEventCommand) +
+                                        "\" from the control socket " + path_ + " within " +
+                                        std::to_string(timeout_.count()) +
+                                        " ms: the event's subscribers may still be busy with it. Allow a longer "
+                                        "timeout, or check the service's log."};
+    }
+    result = std::move(*reply);
+    return {};
+}
+
+}  // namespace Veq::Sdk

@@ -1,0 +1,34 @@
+#pragma once
+// The client side of the service's control socket (sdk/ControlProtocol.h).
+
+#include "platform/transport/Result.h"
+#include "sdk/ControlEvent.h"
+#include "sdk/DataRoot.h"
+#include "sdk/Error.h"
+
+#include <chrono>
+#include <string>
+
+namespace Veq::Sdk {
+
+class ControlClient {
+public:
+    using Result = Tavrin::Veq::ClientBroker::Result;
+
+    ControlClient(DataRoot root, std::chrono::milliseconds timeout);
+
+    // Sends "Publish-Event" and fills result with the service's answer. An error only when no
+    // answer came; whether the service took the event is result.isSuccess.
+    Error Publish(const ControlEvent& event, Result& result);
+
+    const std::string& SocketPath() const { return path_; }
+    // The request's payload for event.
+    static std::string EncodeEvent(const ControlEvent& event);
+
+private:
+    const DataRoot root_;
+    const std::chrono::milliseconds timeout_;
+    const std::string path_;
+};
+
+}  // namespace Veq::Sdk

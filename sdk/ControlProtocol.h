@@ -1,0 +1,27 @@
+#pragma once
+// The service's control socket, <data root>/control: the endpoint of docs/protocol.md, open only
+// to the service's own user, through which tools put events on the service's bus.
+//
+// Request: a Message with command "Publish-Event" and as payload the text of a JSON object
+//   {"topic": int, "state": int, "payload": string, "extension": bool, "mqttTopic": string,
+//    "messageType": string, "actionType": string}
+// "topic" and "state" are required unless "extension" is true; "mqttTopic" is required when it is.
+// The others are optional. Result: isSuccess true once every subscriber has seen the event;
+// isSuccess false with statusCode 400 for bad input, -1 for an unknown command.
+
+namespace Veq::Sdk::ControlProtocol {
+
+inline constexpr const char* kSocketName = "control";
+inline constexpr const char* kPublishEventCommand = "Publish-Event";
+
+inline constexpr const char* kTopic = "topic";
+inline constexpr const char* kState = "state";
+inline constexpr const char* kPayload = "payload";
+inline constexpr const char* kExtension = "extension";
+inline constexpr const char* kMqttTopic = "mqttTopic";
+inline constexpr const char* kMessageType = "messageType";
+inline constexpr const char* kActionType = "actionType";
+
+inline constexpr int kBadRequestStatus = 400;
+
+}  // namespace Veq::Sdk::ControlProtocol
