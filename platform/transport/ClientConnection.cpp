@@ -7,6 +7,7 @@
 #include "platform/transport/WireCodec.h"
 #include "platform/transport/ZmqContext.h"
 
+#include <algorithm>
 #include <cstring>
 #include <random>
 
@@ -15,7 +16,9 @@ namespace {
 
 constexpr int kReconnectIntervalMs = 20;
 constexpr size_t kMaxQueuedPushes = 4096;
-constexpr auto kProbeRetryInterval = std::chrono::milliseconds(5);
+// A new broker usually listens within a millisecond: look again soon, then less often.
+constexpr auto kFirstProbeRetry = std::chrono::microseconds(100);
+constexpr auto kLongestProbeRetry = std::chrono::microseconds(5000);
 
 std::string NewRoutingId()
 {
@@ -66,6 +69,7 @@ ClientConnection::~ClientConnection()
 // listening is tried again until the deadline; a refusal by permissions is final at once.
 bool ClientConnection::ProbeReachable(const std::string& path, std::chrono::steady_clock::time_point deadline)
 {
+    auto retry = std::chrono::duration_cast<std::chrono::microseconds>(kFirstProbeRetry);
     while (true) {
         const int error = SocketFile::Probe(path);
         if (error == 0) {
@@ -76,7 +80,8 @@ bool ClientConnection::ProbeReachable(const std::string& path, std::chrono::stea
             lastError_ = Describe(path, error);
             return false;
         }
-        std::this_thread::sleep_for(kProbeRetryInterval);
+        std::this_thread::sleep_for(retry);
+        retry = std::min(retry * 2, std::chrono::duration_cast<std::chrono::microseconds>(kLongestProbeRetry));
     }
 }
 
