@@ -292,6 +292,25 @@ TEST_P(AppExtensionOperatorTest, ATargetedMessageGoesToTheOldestConnectionOfTheT
     EXPECT_FALSE(operator_->RouteToOldestConnection("nobody", message, result, nullptr));
 }
 
+TEST_P(AppExtensionOperatorTest, CommandsOutsideAnAppsVocabularyAreNotSupported)
+{
+    ClientConnection app;
+    ASSERT_TRUE(app.Connect(Connect(::getpid()), 5s)) << app.LastError();
+    // "Notify-ZCP" is a plugin's command; a user-side app may not call the back end.
+    std::vector<std::string> commands = {"Notify-ZCP", "VerifyCustomSettingsEnabledCommand"};
+    if (GetParam() == ElevationType::User) {
+        commands.push_back("Invoke-HttpRequest");
+    }
+    for (const auto& command : commands) {
+        Message message;
+        message.guid = command;
+        message.notification.command = command;
+        auto result = app.Send(message, 5s);
+        ASSERT_TRUE(result) << command;
+        EXPECT_EQ(result->message.statusCode, 17001) << command;
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(BothSides, AppExtensionOperatorTest,
                          ::testing::Values(ElevationType::User, ElevationType::Elevated),
                          [](const auto& row) { return row.param == ElevationType::User ? "User" : "Elevated"; });
