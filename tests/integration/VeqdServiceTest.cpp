@@ -84,17 +84,22 @@ protected:
                                 side == Side::User ? L"afxunix-usersocket" : L"afxunix-elevatedsocket");
     }
 
-    // A connected app on a side; null when the side does not serve.
-    AppClient* App(Side side, const std::string& id)
+    AppClientOptions Options(Side side, const std::string& id, std::chrono::milliseconds timeout)
     {
         AppClientOptions options;
         options.dataRoot = root_;
         options.side = side;
         options.extensionId = id;
         options.extensionName = id;
-        options.timeout = 3s;
+        options.timeout = timeout;
         options.autoReconnect = false;
-        auto client = std::make_unique<AppClient>(options);
+        return options;
+    }
+
+    // A connected app on a side; null when the side does not serve.
+    AppClient* App(Side side, const std::string& id)
+    {
+        auto client = std::make_unique<AppClient>(Options(side, id, 3s));
         if (client->Connect()) {
             return nullptr;
         }
@@ -104,13 +109,7 @@ protected:
 
     bool Serves(Side side)
     {
-        AppClientOptions options;
-        options.dataRoot = root_;
-        options.side = side;
-        options.extensionId = "probe";
-        options.timeout = 2s;
-        options.autoReconnect = false;
-        AppClient probe(options);
+        AppClient probe(Options(side, "probe", 2s));
         AppClient::Result result;
         return !probe.Send("Get-VeqStatus", "{}", result) && result.isSuccess;
     }
