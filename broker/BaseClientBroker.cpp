@@ -54,12 +54,16 @@ BaseClientBroker::BaseClientBroker(const BrokerContext& brokerContextIn, const C
 
 BaseClientBroker::~BaseClientBroker()
 {
-    std::unique_lock<std::mutex> handlersLock(handlersMutex);
-    for (auto* handler : handlers) {
-        if (handler != nullptr) {
-            handler->StopHandler();
+    {
+        std::lock_guard<std::mutex> lock(handlersMutex);
+        for (auto* handler : handlers) {
+            if (handler != nullptr) {
+                handler->StopHandler();
+            }
         }
     }
+    // The worker is joined first: it is the one thread that adds to runningCommands.
+    SuspendServer();
     // A handler that outlived its wait still uses its handler object: wait for it.
     for (auto& running : runningCommands) {
         if (running.valid()) {
@@ -67,8 +71,6 @@ BaseClientBroker::~BaseClientBroker()
         }
     }
     runningCommands.clear();
-    handlersLock.unlock();
-    SuspendServer();
     for (auto* handler : handlers) {
         delete handler;
     }

@@ -35,6 +35,12 @@ int SignalWaiter::Wait()
 
 int SignalWaiter::ThreadCount()
 {
+#if defined(__SANITIZE_THREAD__)
+    // ThreadSanitizer runs a thread of its own beside the program's.
+    constexpr int kRuntimeThreads = 1;
+#else
+    constexpr int kRuntimeThreads = 0;
+#endif
     DIR* tasks = opendir("/proc/self/task");
     if (tasks == nullptr) {
         return -1;
@@ -46,7 +52,7 @@ int SignalWaiter::ThreadCount()
         }
     }
     closedir(tasks);
-    return count;
+    return count - kRuntimeThreads;
 }
 
 std::vector<std::string> SignalWaiter::ThreadNames()

@@ -14,7 +14,7 @@ public:
     static void Block(std::initializer_list<int> signals);
     // Blocks until one of the blocked signals arrives; returns its number.
     static int Wait();
-    // Threads of this process, the caller included (from /proc/self/task).
+    // Threads of this process, the caller included (from /proc/self/task), without a sanitizer's own.
     static int ThreadCount();
     // Their names, for a report of what is still running.
     static std::vector<std::string> ThreadNames();
