@@ -2,6 +2,9 @@
 
 #include "commands/GetVeqStatusCommand.h"
 #include "commands/GetVeqTagsCommand.h"
+#include "mqtt/DisableMqttConnectionCommand.h"
+#include "mqtt/EnableMqttConnectionCommand.h"
+#include "mqtt/PublishMqttMessageCommand.h"
 
 namespace VEQ {
 
@@ -12,6 +15,9 @@ std::vector<BaseCommandHandler*> AppHandlerFactory::GetHandlers(BrokerContext co
     std::vector<BaseCommandHandler*> kept;
     try {
         created.push_back(new GetVeqStatusCommand(log));
+        created.push_back(new EnableMqttConnectionCommand(log, clientContext.extensionId));
+        created.push_back(new DisableMqttConnectionCommand(log, clientContext.extensionId));
+        created.push_back(new PublishMqttMessageCommand(log, clientContext.extensionId));
         created.push_back(new GetVeqTagsCommand(log, clientContext.extensionId));
     } catch (const std::exception& error) {
         log.e(L"%s Exception: %s", L"VEQ::AppHandlerFactory::GetHandlers", error.what());

@@ -9,16 +9,35 @@
 #include "platform/fs/utility.h"
 #include "platform/http/EpUrlProvider.h"
 #include "platform/log/Log.h"
+#include "platform/mqtt/MosquittoNotificationAgent.h"
 #include "platform/policy/ConfigPolicyAgent.h"
 #include "platform/policy/PolicyFileWatcher.h"
 #include "platform/string/String.h"
 #include "platform/sync/TaskPool.h"
 #include "platform/util/ThreadGarbageCollector.h"
 
+#include <csignal>
+
 namespace VEQ {
 namespace {
 
 constexpr const wchar_t* kClass = L"VEQ::VeqDaemon";
+
+MqttSettings MqttSettingsOf(const HostConfig::Mqtt& mqtt)
+{
+    MqttSettings settings;
+    settings.host = mqtt.host;
+    settings.port = mqtt.port;
+    settings.clientId = mqtt.clientId;
+    settings.username = mqtt.username;
+    settings.password = mqtt.password;
+    settings.keepAliveSeconds = mqtt.keepAliveSeconds;
+    settings.topicRoot = mqtt.topicRoot;
+    settings.caFile = mqtt.caFile;
+    settings.certFile = mqtt.certFile;
+    settings.keyFile = mqtt.keyFile;
+    return settings;
+}
 
 }  // namespace
 
@@ -47,7 +66,6 @@ bool VeqDaemon::PrepareRoot(std::string& error)
     }
     // Apps of every user read the registry and reach the user side's sockets below the root.
     utility::ApplyFilePermissions(root, BrokerFolders::kSharedUserAcl, false);
-    Platform::Install({root});
     policyPath_ = options_.policyPath.empty() ? root_ + "/policy.json" : options_.policyPath;
     return true;
 }
@@ -76,12 +94,30 @@ bool VeqDaemon::Start(std::string& error)
         error = "host configuration " + error;
         return false;
     }
+    // The one place where the service's parts are installed; MQTT only when a broker is named.
+    PlatformServices services;
+    if (!config->mqtt.host.empty()) {
+        mqtt_ = std::make_shared<MosquittoNotificationAgent>(MqttSettingsOf(config->mqtt));
+        services.notificationAgent = mqtt_;
+    }
+    Platform::Install({String::UTF8ToUTF16(root_)}, services);
     ApplyHostConfig(*config);
     StartPolicy();
+    // After the policy, which decides whether the agent connects at once.
+    if (!StartMqtt(error)) {
+        policy_->Stop();
+        policy_.reset();
+        return false;
+    }
     control_ = std::make_unique<ControlServer>(String::UTF8ToUTF16(root_));
     if (!control_->Start()) {
         error = "cannot open the control socket under " + root_;
         control_.reset();
+        if (mqtt_) {
+            mqtt_->Stop();
+        }
+        policy_->Stop();
+        policy_.reset();
         return false;
     }
     void* context = nullptr;
@@ -100,6 +136,22 @@ void VeqDaemon::StartPolicy()
     }
 }
 
+bool VeqDaemon::StartMqtt(std::string& error)
+{
+    if (!mqtt_) {
+        g_log.i(L"%s: no MQTT broker configured; the service runs without MQTT", kClass);
+        return true;
+    }
+    // A broken connection to the broker must not end the service through SIGPIPE.
+    std::signal(SIGPIPE, SIG_IGN);
+    std::string reason;
+    if (!mqtt_->Start(reason)) {
+        error = "host configuration: mqtt: " + reason;
+        return false;
+    }
+    return true;
+}
+
 void VeqDaemon::Stop()
 {
     if (!started_) {
@@ -107,6 +159,11 @@ void VeqDaemon::Stop()
     }
     started_ = false;
     policy_->Stop();  // no policy change is applied while the module stops
+    // First, so that commands waiting for the connection hear that the service stops and the
+    // brokers can end without waiting for them.
+    if (mqtt_) {
+        mqtt_->Stop();
+    }
     ExtensionModule::GetInstance()->UnInit();
     control_->Stop();
     control_.reset();

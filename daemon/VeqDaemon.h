@@ -8,6 +8,7 @@
 namespace VEQ {
 
 class ControlServer;
+class MosquittoNotificationAgent;
 class PolicyFileWatcher;
 
 struct DaemonOptions {
@@ -35,11 +36,13 @@ private:
     bool PrepareRoot(std::string& error);
     void ApplyHostConfig(const HostConfig& config);
     void StartPolicy();
+    bool StartMqtt(std::string& error);
 
     DaemonOptions options_;
     std::string root_;
     std::string policyPath_;
     std::unique_ptr<PolicyFileWatcher> policy_;
+    std::shared_ptr<MosquittoNotificationAgent> mqtt_;  // only when the configuration names a broker
     std::unique_ptr<ControlServer> control_;
     bool started_ = false;
 };

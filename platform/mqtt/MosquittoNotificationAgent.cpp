@@ -34,6 +34,8 @@ constexpr int kLoopTurnMs = 100;
 constexpr auto kLeaveTimeout = 2s;
 // Messages taken while the broker has yet to accept the connection; beyond this, publishes fail.
 constexpr size_t kMaxOutgoing = 100;
+// A status callback older than any caller's wait has nobody left to tell.
+constexpr auto kWaiterLifetime = 2min;
 // Larger messages for an app are dropped: they would travel on to a client in one frame.
 constexpr int kMaxInboundPayload = 1024 * 1024;
 constexpr const wchar_t* kBusSource = L"MosquittoNotificationAgent";
@@ -63,7 +65,6 @@ MosquittoNotificationAgent::MosquittoNotificationAgent(MqttSettings settings)
       topics_(settings_.topicRoot, clientId_),
       backoff_(settings_.firstReconnectDelay, settings_.maxReconnectDelay)
 {
-    utility::InitLog(log_, L"MqttNotificationAgent.log", Log::kDebug);
 }
 
 MosquittoNotificationAgent::~MosquittoNotificationAgent()
@@ -88,6 +89,7 @@ std::string MosquittoNotificationAgent::DefaultClientId()
 bool MosquittoNotificationAgent::Start(std::string& error)
 {
     const wchar_t* function = L"VEQ::MosquittoNotificationAgent::Start";
+    utility::InitLog(log_, L"MqttNotificationAgent.log", Log::kDebug);
     if (client_ != nullptr) {
         error = "already started";
         return false;
@@ -219,10 +221,10 @@ MosquittoNotificationAgent::MqttConnectionState MosquittoNotificationAgent::Stat
     if (mode_ == MqttConnectMode::Forbidden) {
         return State::NotSupportedByPolicy;
     }
-    if (link_ == Link::Up && !leaving_) {
-        return State::Connected;
+    if (!Wanted()) {
+        return State::Disconnected;  // even while the leave is on its way
     }
-    return Wanted() ? State::Connecting : State::Disconnected;
+    return link_ == Link::Up && !leaving_ ? State::Connected : State::Connecting;
 }
 
 MosquittoNotificationAgent::MqttConnectionState MosquittoNotificationAgent::GetConnectionState()
@@ -246,13 +248,12 @@ MosquittoNotificationAgent::MqttConnectionState MosquittoNotificationAgent::Requ
     if (mode == MqttConnectMode::Forbidden) {
         return State::NotSupportedByPolicy;
     }
+    requested_ = true;
     if (link_ == Link::Up && !leaving_) {
         return State::Connected;
     }
-    requested_ = true;
     const Clock::time_point now = Clock::now();
-    // A callback older than any caller's wait has nobody left to tell.
-    std::erase_if(waiters_, [&](const Waiter& waiter) { return now - waiter.since > 2min; });
+    std::erase_if(waiters_, [&](const Waiter& waiter) { return now - waiter.since > kWaiterLifetime; });
     if (params.statusCallback) {
         waiters_.push_back({now, params.statusCallback});
     }
@@ -293,7 +294,7 @@ int32_t MosquittoNotificationAgent::Publish(VEQNotificationData& data, const std
         Outgoing message{topics_.Outbound(String::UTF16ToUTF8(topic)), String::UTF16ToUTF8(data.getPayload())};
         {
             std::lock_guard<std::mutex> lock(mutex_);
-            if (!started_ || stopping_ || leaving_ || link_ == Link::Down) {
+            if (!Wanted() || leaving_ || link_ == Link::Down) {
                 return kNotConnected;
             }
             if (link_ == Link::Opening) {
@@ -468,7 +469,11 @@ void MosquittoNotificationAgent::Connected()
         }
     }
     for (auto& waiter : waiters) {
-        waiter.callback(State::Connected);
+        try {
+            waiter.callback(State::Connected);
+        } catch (const std::exception& failure) {
+            log_.e(L"%s: a status callback failed: %s", function, failure.what());
+        }
     }
 }
 

@@ -1,0 +1,43 @@
+#include "mqtt/DisableMqttConnectionCommandResponse.h"
+
+#include "platform/log/Log.h"
+
+#include <json/json.h>
+
+#include <exception>
+#include <sstream>
+
+namespace VEQ {
+
+std::string DisableMqttConnectionCommandResponse::Serialize(const DisableMqttConnectionCommandResponse& response)
+{
+    Json::Value root;
+    root["isMqttDisabled"] = response.isMqttDisabled;
+    root["responseCode"] = response.responseCode;
+    root["responseDescription"] = response.responseDescription;
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "";
+    return Json::writeString(writer, root);
+}
+
+DisableMqttConnectionCommandResponse DisableMqttConnectionCommandResponse::Deserialize(const std::string& text)
+{
+    DisableMqttConnectionCommandResponse response;
+    try {
+        Json::Value root;
+        Json::CharReaderBuilder reader;
+        std::istringstream stream(text);
+        std::string errors;
+        if (!Json::parseFromStream(reader, stream, &root, &errors)) {
+            return response;
+        }
+        response.isMqttDisabled = root["isMqttDisabled"].asString();
+        response.responseCode = root["responseCode"].asString();
+        response.responseDescription = root["responseDescription"].asString();
+    } catch (const std::exception& error) {
+        g_log.e(L"%s: catch exception: %s", L"VEQ::DisableMqttConnectionCommandResponse::Deserialize", error.what());
+    }
+    return response;
+}
+
+}  // namespace VEQ

@@ -1,0 +1,31 @@
+#pragma once
+
+#include "broker/BaseCommandHandler.h"
+#include "mqtt/ExtensionMqttBrokerResult.h"
+
+#include <string>
+#include <vector>
+
+namespace VEQ {
+
+// "Enable-MqttConnection": the client wants the service's MQTT connection. Takes no request data.
+// The reply is a success whatever happens to the connection; its payload tells the outcome.
+class EnableMqttConnectionCommand : public BaseCommandHandler {
+public:
+    static constexpr const char* kCommandName = "Enable-MqttConnection";
+    static constexpr const char* kReplyCommand = "Receive-Enable-MqttConnection";
+
+    EnableMqttConnectionCommand(Log& log, const std::string& extensionId);
+
+    Result GetResponse(const ClientRequest& request, bool& pendingOperation) override;
+    const std::vector<std::string>& GetSupportedCommandNames() override;
+    ElevationType GetSupportedContext() override;
+    ExtensionType GetSupportedExtensionType() override;
+    virtual ExtensionMqttBrokerResult EnableMqttConnectionToBroker(std::string extensionId, ElevationType elevation);
+
+private:
+    std::vector<std::string> commandNames_;
+    std::string extensionId_;  // the client the broker serves
+};
+
+}  // namespace VEQ

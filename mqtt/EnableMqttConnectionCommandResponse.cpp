@@ -1,0 +1,43 @@
+#include "mqtt/EnableMqttConnectionCommandResponse.h"
+
+#include "platform/log/Log.h"
+
+#include <json/json.h>
+
+#include <exception>
+#include <sstream>
+
+namespace VEQ {
+
+std::string EnableMqttConnectionCommandResponse::Serialize(const EnableMqttConnectionCommandResponse& response)
+{
+    Json::Value root;
+    root["isMqttEnabled"] = response.isMqttEnabled;
+    root["responseCode"] = response.responseCode;
+    root["responseDescription"] = response.responseDescription;
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "";
+    return Json::writeString(writer, root);
+}
+
+EnableMqttConnectionCommandResponse EnableMqttConnectionCommandResponse::Deserialize(const std::string& text)
+{
+    EnableMqttConnectionCommandResponse response;
+    try {
+        Json::Value root;
+        Json::CharReaderBuilder reader;
+        std::istringstream stream(text);
+        std::string errors;
+        if (!Json::parseFromStream(reader, stream, &root, &errors)) {
+            return response;
+        }
+        response.isMqttEnabled = root["isMqttEnabled"].asString();
+        response.responseCode = root["responseCode"].asString();
+        response.responseDescription = root["responseDescription"].asString();
+    } catch (const std::exception&) {
+        // A reply that cannot be read gives what was read of it.
+    }
+    return response;
+}
+
+}  // namespace VEQ
