@@ -1,12 +1,12 @@
 #include "commands/GetVeqTagsCommandResponse.h"
 
+#include "broker/ReplyJson.h"
 #include "platform/log/Log.h"
 #include "platform/string/String.h"
 
 #include <json/json.h>
 
 #include <exception>
-#include <sstream>
 
 namespace VEQ {
 
@@ -16,9 +16,7 @@ std::string GetVeqTagsCommandResponse::Serialize(const GetVeqTagsCommandResponse
     for (const VEQTag& tag : response.tags) {
         root[String::UTF16ToUTF8(tag.getKey())] = String::UTF16ToUTF8(tag.getValue());
     }
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
-    return Json::writeString(writer, root);
+    return ReplyJson::Write(root);
 }
 
 GetVeqTagsCommandResponse GetVeqTagsCommandResponse::Deserialize(const std::string& text)
@@ -26,10 +24,7 @@ GetVeqTagsCommandResponse GetVeqTagsCommandResponse::Deserialize(const std::stri
     GetVeqTagsCommandResponse response;
     try {
         Json::Value root;
-        Json::CharReaderBuilder reader;
-        std::istringstream stream(text);
-        std::string errors;
-        if (!Json::parseFromStream(reader, stream, &root, &errors)) {
+        if (!ReplyJson::Parse(text, root)) {
             return response;
         }
         for (auto member = root.begin(); member != root.end(); ++member) {

@@ -1,11 +1,11 @@
 #include "mqtt/PublishMqttMessageResponse.h"
 
+#include "broker/ReplyJson.h"
 #include "platform/log/Log.h"
 
 #include <json/json.h>
 
 #include <exception>
-#include <sstream>
 
 namespace VEQ {
 
@@ -15,9 +15,7 @@ std::string PublishMqttMessageResponse::Serialize(const PublishMqttMessageRespon
     root["isMqttMesssagePublished"] = response.isMqttMesssagePublished;
     root["responseCode"] = response.responseCode;
     root["responseDescription"] = response.responseDescription;
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
-    return Json::writeString(writer, root);
+    return ReplyJson::Write(root);
 }
 
 PublishMqttMessageResponse PublishMqttMessageResponse::Deserialize(const std::string& text)
@@ -25,10 +23,7 @@ PublishMqttMessageResponse PublishMqttMessageResponse::Deserialize(const std::st
     PublishMqttMessageResponse response;
     try {
         Json::Value root;
-        Json::CharReaderBuilder reader;
-        std::istringstream stream(text);
-        std::string errors;
-        if (!Json::parseFromStream(reader, stream, &root, &errors)) {
+        if (!ReplyJson::Parse(text, root)) {
             return response;
         }
         response.isMqttMesssagePublished = root["isMqttMesssagePublished"].asString();
