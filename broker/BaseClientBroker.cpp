@@ -185,10 +185,15 @@ void BaseClientBroker::CloseAfterClientRequest()
     }
     if (taken != nullptr) {
         // This thread is the endpoint's waiter, so another thread stops and deletes it.
-        auto* stopper = new std::thread([taken, users = endpointUsers] {
+        // SuspendServer waits for that before it removes the socket files, which the endpoint
+        // touches as it goes.
+        auto deleted = std::make_shared<std::promise<void>>();
+        endpointDeleted = deleted->get_future().share();
+        auto* stopper = new std::thread([taken, users = endpointUsers, deleted] {
             taken->Stop();
             users->WaitUntilIdle();
             delete taken;
+            deleted->set_value();
         });
         log.d(L"%s: Dumping thread to garbage collector", function);
         ThreadGarbageCollector::GetInstance()->Dump(stopper);
@@ -237,6 +242,9 @@ void BaseClientBroker::SuspendServer()
             delete server;
             server = nullptr;
         }
+    }
+    if (endpointDeleted.valid()) {
+        endpointDeleted.wait();  // set by the worker, which has been joined
     }
     RemoveSocketFiles();
     log.d(L"%s: Exit", function);

@@ -103,6 +103,7 @@ private:
     std::thread* workerThread = nullptr;
     std::mutex mutex;  // guards server and every send on it
     std::shared_ptr<EndpointUsers> endpointUsers = std::make_shared<EndpointUsers>();
+    std::shared_future<void> endpointDeleted;  // set when a client's Close-Connection hands the endpoint off
     std::vector<std::future<Result>> runningCommands;
     const int32_t commandTimeoutSeconds = 60;
     const int32_t commandTimeoutMarginSeconds = 2;

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <random>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -24,7 +25,7 @@ std::string TemporaryNameBeside(const std::string& path)
 
 }  // namespace
 
-int SocketFile::Bind(zmq::socket_t& socket, const std::string& path, mode_t mode)
+int SocketFile::Bind(zmq::socket_t& socket, const std::string& path, mode_t mode, Identity* bound)
 {
     if (path.empty()) {
         return EINVAL;
@@ -38,12 +39,37 @@ int SocketFile::Bind(zmq::socket_t& socket, const std::string& path, mode_t mode
     } catch (const zmq::error_t& error) {
         return error.num() != 0 ? error.num() : EIO;
     }
-    if (::chmod(temporary.c_str(), mode) != 0 || ::rename(temporary.c_str(), path.c_str()) != 0) {
+    struct stat status {};
+    if (::chmod(temporary.c_str(), mode) != 0 || ::stat(temporary.c_str(), &status) != 0 ||
+        ::rename(temporary.c_str(), path.c_str()) != 0) {
         const int error = errno;
         ::unlink(temporary.c_str());
         return error;
     }
+    if (bound != nullptr) {
+        *bound = Identity{status.st_dev, status.st_ino};
+    }
     return 0;
+}
+
+void SocketFile::Retire(const std::string& path, const Identity& bound)
+{
+    struct stat status {};
+    if (path.empty() || ::lstat(path.c_str(), &status) != 0 || !S_ISSOCK(status.st_mode) ||
+        status.st_dev != bound.device || status.st_ino != bound.inode) {
+        return;
+    }
+    const std::string temporary = TemporaryNameBeside(path);
+    const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    const bool replaced = fd >= 0 && ::fchmod(fd, status.st_mode & 0777) == 0 &&
+                          ::rename(temporary.c_str(), path.c_str()) == 0;
+    if (fd >= 0) {
+        ::close(fd);
+    }
+    if (!replaced) {
+        ::unlink(temporary.c_str());
+        ::unlink(path.c_str());  // refused all the same, only without the mode kept
+    }
 }
 
 mode_t SocketFile::ModeFor(const std::string& path)

@@ -10,11 +10,24 @@ namespace Tavrin::Veq::ClientBroker {
 // Binds ZeroMQ sockets to socket files.
 class SocketFile {
 public:
+    // Which file a bind made, so that a later clean-up touches that file and no other.
+    struct Identity {
+        dev_t device = 0;
+        ino_t inode = 0;
+    };
+
     // Binds socket at path with the given file mode. The socket is bound under a temporary name in the
     // same folder, given its mode, and renamed over path, so that the file appears atomically with its
     // final permissions and so that ZeroMQ, which removes its bound file when the socket closes, never
-    // removes a file that a later endpoint has bound at the same path. 0 or an errno value.
-    static int Bind(zmq::socket_t& socket, const std::string& path, mode_t mode);
+    // removes a file that a later endpoint has bound at the same path. 0 or an errno value; on success
+    // bound, when given, names the file made.
+    static int Bind(zmq::socket_t& socket, const std::string& path, mode_t mode, Identity* bound = nullptr);
+
+    // Replaces the socket file at path, if it is still the one bound names, by a plain file of the same
+    // mode. ZeroMQ closes a listener later, on its own thread; until then a client could still connect
+    // to the closing socket and lose what it sends. After this, clients are refused at once, and the
+    // next endpoint on the path finds the side's permissions as they were.
+    static void Retire(const std::string& path, const Identity& bound);
 
     // The mode that a new socket at path takes: that of the placeholder file already there (made
     // with the side's permissions before the endpoint starts), else private to the service's user.

@@ -96,6 +96,8 @@ ZmqServerEndpoint::~ZmqServerEndpoint()
     if (notifyThread_.joinable()) {
         notifyThread_.join();
     }
+    SocketFile::Retire(path_, requestFile_);
+    SocketFile::Retire(path_ + "_notify", notifyFile_);
     std::unique_lock<std::mutex> lock(stateMutex_);
     idle_.wait(lock, [this] { return activeCalls_ == 0; });
     if (replyEnvelope_) {
@@ -117,9 +119,9 @@ int ZmqServerEndpoint::Start(ConnectionDetails& details)
     const mode_t mode = SocketFile::ModeFor(path_);
     auto request = NewRouter();
     auto notify = NewRouter();
-    int rc = SocketFile::Bind(*request, path_, mode);
+    int rc = SocketFile::Bind(*request, path_, mode, &requestFile_);
     if (rc == 0) {
-        rc = SocketFile::Bind(*notify, path_ + "_notify", mode);
+        rc = SocketFile::Bind(*notify, path_ + "_notify", mode, &notifyFile_);
     }
     if (rc != 0) {
         g_log.e(L"%s: bind failed on %s: %s", kClass, path_, std::strerror(rc));

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/transport/INotificationBase.h"
+#include "platform/transport/SocketFile.h"
 #include "platform/transport/WakeSignal.h"
 
 namespace zmq {
@@ -92,6 +93,8 @@ private:
 
     const std::chrono::milliseconds requestTimeout_;
     std::string path_;
+    SocketFile::Identity requestFile_;
+    SocketFile::Identity notifyFile_;
 
     std::mutex requestMutex_;  // owner of requestSocket_
     std::unique_ptr<zmq::socket_t> requestSocket_;

@@ -1,5 +1,6 @@
 #include "platform/transport/ClientConnection.h"
 #include "platform/transport/FrameIo.h"
+#include "platform/transport/SocketFile.h"
 #include "platform/transport/WireCodec.h"
 #include "platform/transport/ZmqServerEndpoint.h"
 #include "tests/support/TempRoot.h"
@@ -7,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cerrno>
 #include <future>
 #include <sys/stat.h>
 #include <thread>
@@ -273,7 +275,20 @@ TEST_F(ZmqServerEndpointTest, AResultAfterARestartOnTheSamePathReachesTheWaiting
     EXPECT_EQ(result->message.statusCode, 17001);
 }
 
-TEST(ZmqServerEndpointFiles, SocketFilesTakeTheModeOfTheirPlaceholder)
+mode_t ModeOf(const std::string& path, bool& isSocket)
+{
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) != 0) {
+        isSocket = false;
+        return 0;
+    }
+    isSocket = S_ISSOCK(status.st_mode);
+    return status.st_mode & 0777;
+}
+
+// An endpoint that goes leaves a refusing placeholder with the side's mode, so that a client never
+// reaches a listener that ZeroMQ is still closing, and a restart on the path keeps the permissions.
+TEST(ZmqServerEndpointFiles, SocketFilesTakeTheModeOfTheirPlaceholderAndLeaveItBehind)
 {
     VEQ::Test::TempRoot root;
     struct Row {
@@ -290,16 +305,41 @@ TEST(ZmqServerEndpointFiles, SocketFilesTakeTheModeOfTheirPlaceholder)
             std::fclose(file);
             ::chmod(path.c_str(), static_cast<mode_t>(row.placeholderMode));
         }
-        ZmqServerEndpoint endpoint;
-        ConnectionDetails details{1, path};
-        ASSERT_EQ(endpoint.Start(details), 0) << row.name;
-        for (const std::string& file : {path, path + "_notify"}) {
-            struct stat status {};
-            ASSERT_EQ(::stat(file.c_str(), &status), 0) << file;
-            EXPECT_TRUE(S_ISSOCK(status.st_mode)) << file;
-            EXPECT_EQ(status.st_mode & 0777, row.expected) << file;
+        for (int run = 0; run < 2; ++run) {
+            auto endpoint = std::make_unique<ZmqServerEndpoint>();
+            ConnectionDetails details{1, path};
+            ASSERT_EQ(endpoint->Start(details), 0) << row.name;
+            for (const std::string& file : {path, path + "_notify"}) {
+                bool isSocket = false;
+                EXPECT_EQ(ModeOf(file, isSocket), row.expected) << file << " run " << run;
+                EXPECT_TRUE(isSocket) << file;
+            }
+            endpoint.reset();
+            for (const std::string& file : {path, path + "_notify"}) {
+                bool isSocket = true;
+                EXPECT_EQ(ModeOf(file, isSocket), row.expected) << file << " run " << run;
+                EXPECT_FALSE(isSocket) << file;
+                EXPECT_EQ(SocketFile::Probe(file), ECONNREFUSED) << file;
+            }
         }
     }
+}
+
+TEST(ZmqServerEndpointFiles, AGoingEndpointLeavesANewerSocketOnItsPathAlone)
+{
+    VEQ::Test::TempRoot root;
+    const std::string path = root.BelowUtf8("shared");
+    auto older = std::make_unique<ZmqServerEndpoint>();
+    ConnectionDetails details{1, path};
+    ASSERT_EQ(older->Start(details), 0);
+    older->Stop();
+    ZmqServerEndpoint newer;
+    ASSERT_EQ(newer.Start(details), 0);
+    older.reset();
+    bool isSocket = false;
+    ModeOf(path, isSocket);
+    EXPECT_TRUE(isSocket);
+    EXPECT_EQ(SocketFile::Probe(path), 0);
 }
 
 TEST(ZmqServerEndpointFiles, AnUnstartedEndpointReportsAFailedWait)
