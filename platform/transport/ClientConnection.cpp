@@ -10,6 +10,8 @@
 #include <algorithm>
 #include <cstring>
 #include <random>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace Tavrin::Veq::ClientBroker {
 namespace {
@@ -69,6 +71,12 @@ ClientConnection::~ClientConnection()
 // listening is tried again until the deadline; a refusal by permissions is final at once.
 bool ClientConnection::ProbeReachable(const std::string& path, std::chrono::steady_clock::time_point deadline)
 {
+    // A socket that this user may connect to is taken as it is: a probe connection would cost the
+    // listener an accept on every connect. A stale one shows when nothing answers.
+    struct stat status {};
+    if (::stat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode) && ::access(path.c_str(), W_OK) == 0) {
+        return true;
+    }
     auto retry = std::chrono::duration_cast<std::chrono::microseconds>(kFirstProbeRetry);
     while (true) {
         const int error = SocketFile::Probe(path);
@@ -119,12 +127,17 @@ bool ClientConnection::Connect(const std::string& socketPath, std::chrono::milli
     monitorSocket_->set(zmq::sockopt::linger, 0);
     monitorSocket_->connect(monitorAddress);
     notifySocket_->connect("ipc://" + socketPath + "_notify");
+    // Queued now, the hello leaves with the connection itself, without waiting for the monitor.
+    SendHello();
+    helloQueued_ = true;
     listenThread_ = std::thread(&ClientConnection::ListenThread, this);
 
     std::unique_lock<std::mutex> lock(stateMutex_);
     if (!changed_.wait_until(lock, deadline, [this] { return welcomed_; })) {
         lock.unlock();
-        lastError_ = "no answer from " + socketPath + " within " + std::to_string(timeout.count()) + " ms";
+        const int error = SocketFile::Probe(socketPath);
+        lastError_ = error != 0 ? Describe(socketPath, error)
+                                : "no answer from " + socketPath + " within " + std::to_string(timeout.count()) + " ms";
         Close();
         return false;
     }
@@ -294,7 +307,11 @@ void ClientConnection::HandleMonitorEvent()
             std::memcpy(&event, frames[0].data(), sizeof(event));
         }
         if (event == ZMQ_EVENT_CONNECTED) {
-            SendHello();
+            if (helloQueued_) {
+                helloQueued_ = false;
+            } else {
+                SendHello();
+            }
         }
     }
 }

@@ -71,6 +71,7 @@ private:
 
     std::unique_ptr<zmq::socket_t> notifySocket_;   // used by listenThread_ once it runs
     std::unique_ptr<zmq::socket_t> monitorSocket_;  // connection events of notifySocket_
+    bool helloQueued_ = false;                      // the first connection's hello is already on its way
     WakeSignal stopWake_;
     std::thread listenThread_;
 

@@ -52,7 +52,24 @@ int SocketFile::Bind(zmq::socket_t& socket, const std::string& path, mode_t mode
     return 0;
 }
 
-void SocketFile::Retire(const std::string& path, const Identity& bound)
+std::string SocketFile::KeepPlaceholder(const std::string& path)
+{
+    struct stat status {};
+    if (path.empty() || ::lstat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
+        return {};
+    }
+    const std::string kept = TemporaryNameBeside(path);
+    return ::link(path.c_str(), kept.c_str()) == 0 ? kept : std::string();
+}
+
+void SocketFile::DropPlaceholder(const std::string& kept)
+{
+    if (!kept.empty()) {
+        ::unlink(kept.c_str());
+    }
+}
+
+void SocketFile::Retire(const std::string& path, const Identity& bound, const std::string& kept)
 {
     struct stat status {};
     if (path.empty() || ::lstat(path.c_str(), &status) != 0 || !S_ISSOCK(status.st_mode) ||
@@ -60,11 +77,17 @@ void SocketFile::Retire(const std::string& path, const Identity& bound)
         return;
     }
     const std::string temporary = TemporaryNameBeside(path);
-    const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    const bool replaced = fd >= 0 && ::fchmod(fd, status.st_mode & 0777) == 0 &&
-                          ::rename(temporary.c_str(), path.c_str()) == 0;
-    if (fd >= 0) {
-        ::close(fd);
+    bool replaced = false;
+    if (!kept.empty() && ::link(kept.c_str(), temporary.c_str()) == 0) {
+        // Another name for the kept placeholder: no new file, which a busy file system makes dear.
+        replaced = ::rename(temporary.c_str(), path.c_str()) == 0;
+    } else {
+        const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+        replaced = fd >= 0 && ::fchmod(fd, status.st_mode & 0777) == 0 &&
+                   ::rename(temporary.c_str(), path.c_str()) == 0;
+        if (fd >= 0) {
+            ::close(fd);
+        }
     }
     if (!replaced) {
         ::unlink(temporary.c_str());

@@ -23,11 +23,17 @@ public:
     // bound, when given, names the file made.
     static int Bind(zmq::socket_t& socket, const std::string& path, mode_t mode, Identity* bound = nullptr);
 
-    // Replaces the socket file at path, if it is still the one bound names, by a plain file of the same
-    // mode. ZeroMQ closes a listener later, on its own thread; until then a client could still connect
-    // to the closing socket and lose what it sends. After this, clients are refused at once, and the
-    // next endpoint on the path finds the side's permissions as they were.
-    static void Retire(const std::string& path, const Identity& bound);
+    // Keeps the placeholder file at path under a hidden name beside it, before a bind replaces it, so
+    // that Retire can put it back. The hidden name, or "" when path holds no plain file.
+    static std::string KeepPlaceholder(const std::string& path);
+    static void DropPlaceholder(const std::string& kept);
+
+    // Replaces the socket file at path, if it is still the one bound names, by the kept placeholder
+    // (or, without one, a new plain file) of the same mode. ZeroMQ closes a listener later, on its
+    // own thread; until then a client could still connect to the closing socket and lose what it
+    // sends. After this, clients are refused at once, and the next endpoint on the path finds the
+    // side's permissions as they were.
+    static void Retire(const std::string& path, const Identity& bound, const std::string& kept);
 
     // The mode that a new socket at path takes: that of the placeholder file already there (made
     // with the side's permissions before the endpoint starts), else private to the service's user.

@@ -96,8 +96,9 @@ ZmqServerEndpoint::~ZmqServerEndpoint()
     if (notifyThread_.joinable()) {
         notifyThread_.join();
     }
-    SocketFile::Retire(path_, requestFile_);
-    SocketFile::Retire(path_ + "_notify", notifyFile_);
+    SocketFile::Retire(path_, requestFile_, keptPlaceholder_);
+    SocketFile::Retire(path_ + "_notify", notifyFile_, keptPlaceholder_);
+    SocketFile::DropPlaceholder(keptPlaceholder_);
     std::unique_lock<std::mutex> lock(stateMutex_);
     idle_.wait(lock, [this] { return activeCalls_ == 0; });
     if (replyEnvelope_) {
@@ -117,6 +118,7 @@ int ZmqServerEndpoint::Start(ConnectionDetails& details)
         path_ = details.endpoint;
     }
     const mode_t mode = SocketFile::ModeFor(path_);
+    keptPlaceholder_ = SocketFile::KeepPlaceholder(path_);
     auto request = NewRouter();
     auto notify = NewRouter();
     int rc = SocketFile::Bind(*request, path_, mode, &requestFile_);
@@ -125,6 +127,9 @@ int ZmqServerEndpoint::Start(ConnectionDetails& details)
     }
     if (rc != 0) {
         g_log.e(L"%s: bind failed on %s: %s", kClass, path_, std::strerror(rc));
+        SocketFile::Retire(path_, requestFile_, keptPlaceholder_);  // when only the first bind held
+        SocketFile::DropPlaceholder(keptPlaceholder_);
+        keptPlaceholder_.clear();
         std::lock_guard<std::mutex> lock(stateMutex_);
         starting_ = false;
         return rc;

@@ -95,6 +95,7 @@ private:
     std::string path_;
     SocketFile::Identity requestFile_;
     SocketFile::Identity notifyFile_;
+    std::string keptPlaceholder_;  // the path's placeholder under a hidden name, while the sockets stand
 
     std::mutex requestMutex_;  // owner of requestSocket_
     std::unique_ptr<zmq::socket_t> requestSocket_;

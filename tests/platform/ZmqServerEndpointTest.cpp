@@ -9,9 +9,14 @@
 
 #include <atomic>
 #include <cerrno>
+#include <filesystem>
 #include <future>
 #include <sys/stat.h>
 #include <thread>
+#include <cstdio>
+#include <unistd.h>
+#include <sys/un.h>
+#include <sys/socket.h>
 
 namespace Tavrin::Veq::ClientBroker {
 namespace {
@@ -323,6 +328,9 @@ TEST(ZmqServerEndpointFiles, SocketFilesTakeTheModeOfTheirPlaceholderAndLeaveItB
             }
         }
     }
+    for (const auto& entry : std::filesystem::directory_iterator(root.PathUtf8())) {
+        EXPECT_NE(entry.path().filename().string().front(), '.') << "left behind: " << entry.path();
+    }
 }
 
 TEST(ZmqServerEndpointFiles, AGoingEndpointLeavesANewerSocketOnItsPathAlone)
@@ -356,6 +364,20 @@ TEST(ClientConnectionErrors, SaysWhyAPathCannotBeReached)
     ClientConnection client;
     EXPECT_FALSE(client.Connect(root.BelowUtf8("missing"), 1s));
     EXPECT_NE(client.LastError().find("no socket at"), std::string::npos) << client.LastError();
+
+    // A socket file left by a process that died: connecting is not refused by the file, so the
+    // client learns it only when nothing answers.
+    const std::string stale = root.BelowUtf8("stale");
+    for (const std::string& file : {stale, stale + "_notify"}) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::snprintf(address.sun_path, sizeof(address.sun_path), "%s", file.c_str());
+        const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+        ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+        ::close(fd);
+    }
+    EXPECT_FALSE(client.Connect(stale, 300ms));
+    EXPECT_NE(client.LastError().find("nothing listens on " + stale), std::string::npos) << client.LastError();
 }
 
 }  // namespace
