@@ -57,6 +57,91 @@ bool ReadObject(const Json::Value& object, const char* name, const Json::Value*&
     return true;
 }
 
+// The records go out on every request and reply, so they are written straight into the text, in
+// the form the JSON writer gives them (members in name order, no spaces, UTF-8 as it stands), without
+// building a document first.
+void AppendQuoted(std::string& out, const std::string& text)
+{
+    static constexpr char kHex[] = "0123456789abcdef";
+    out += '"';
+    for (const char c : text) {
+        switch (c) {
+        case '"':
+            out += "\\\"";
+            break;
+        case '\\':
+            out += "\\\\";
+            break;
+        case '\b':
+            out += "\\b";
+            break;
+        case '\f':
+            out += "\\f";
+            break;
+        case '\n':
+            out += "\\n";
+            break;
+        case '\r':
+            out += "\\r";
+            break;
+        case '\t':
+            out += "\\t";
+            break;
+        default:
+            if (static_cast<unsigned char>(c) < 0x20) {
+                out += "\\u00";
+                out += kHex[(c >> 4) & 0xF];
+                out += kHex[c & 0xF];
+            } else {
+                out += c;
+            }
+        }
+    }
+    out += '"';
+}
+
+void AppendMember(std::string& out, const char* name, const std::string& value)
+{
+    out += '"';
+    out += name;
+    out += "\":";
+    AppendQuoted(out, value);
+    out += ',';
+}
+
+void AppendMessage(std::string& out, const Message& message)
+{
+    out += '{';
+    AppendMember(out, "annex", message.annex);
+    AppendMember(out, "guid", message.guid);
+    out += "\"notification\":{";
+    AppendMember(out, "command", message.notification.command);
+    AppendMember(out, "payload", message.notification.payload);
+    AppendMember(out, "targetId", message.notification.targetId);
+    AppendMember(out, "targetName", message.notification.targetName);
+    out.back() = '}';
+    out += ',';
+    AppendMember(out, "senderElevation", message.senderElevation);
+    AppendMember(out, "senderId", message.senderId);
+    AppendMember(out, "senderKind", message.senderKind);
+    AppendMember(out, "senderName", message.senderName);
+    AppendMember(out, "senderType", message.senderType);
+    out += "\"statusCode\":";
+    out += std::to_string(message.statusCode);
+    out += ',';
+    AppendMember(out, "statusSource", message.statusSource);
+    AppendMember(out, "statusText", message.statusText);
+    out.back() = '}';
+}
+
+size_t EstimatedSize(const Message& message)
+{
+    return 256 + message.guid.size() + message.annex.size() + message.notification.command.size() +
+           message.notification.payload.size() + message.notification.targetId.size() +
+           message.notification.targetName.size() + message.senderId.size() + message.senderName.size() +
+           message.statusText.size();
+}
+
 }  // namespace
 
 Json::Value WireCodec::ToJson(const Notification& notification)
@@ -189,12 +274,20 @@ std::optional<Json::Value> WireCodec::ParseObject(const std::string& text, std::
 
 std::string WireCodec::EncodeMessage(const Message& message)
 {
-    return Write(ToJson(message));
+    std::string out;
+    out.reserve(EstimatedSize(message));
+    AppendMessage(out, message);
+    return out;
 }
 
 std::string WireCodec::EncodeResult(const Result& result)
 {
-    return Write(ToJson(result));
+    std::string out;
+    out.reserve(EstimatedSize(result.message) + 32);
+    out += result.isSuccess ? "{\"isSuccess\":true,\"message\":" : "{\"isSuccess\":false,\"message\":";
+    AppendMessage(out, result.message);
+    out += '}';
+    return out;
 }
 
 bool WireCodec::DecodeMessage(const std::string& text, Message& out, std::string& error)

@@ -33,7 +33,8 @@ public:
     static bool FromJson(const Json::Value& value, Message& out, std::string& error);
     static bool FromJson(const Json::Value& value, Result& out, std::string& error);
 
-    // One-line JSON text; invalid UTF-8 is escaped rather than passed on.
+    // One-line JSON text; strings go out byte for byte, with only quotes, backslashes and control
+    // characters escaped.
     static std::string Write(const Json::Value& value);
     // Parses one JSON object; nullopt (with error) for anything else.
     static std::optional<Json::Value> ParseObject(const std::string& text, std::string& error);

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
+
 namespace Tavrin::Veq::ClientBroker {
 namespace {
 
@@ -26,6 +28,36 @@ TEST(WireCodec, MessageSurvivesTheRoundTripWithEveryField)
     EXPECT_EQ(WireCodec::EncodeMessage(decoded), WireCodec::EncodeMessage(message));
     EXPECT_EQ(decoded.senderKind, message.senderKind);
     EXPECT_EQ(decoded.statusCode, -17002);
+}
+
+// The records are written without building a JSON document; the text must be what the JSON
+// writer gives, byte for byte, whatever the strings hold.
+TEST(WireCodec, WritesRecordsExactlyAsTheJsonWriterDoes)
+{
+    std::mt19937 random(7);
+    auto text = [&random] {
+        std::string out;
+        const size_t length = random() % 12;
+        for (size_t i = 0; i < length; ++i) {
+            out += static_cast<char>(random() % 256);  // control bytes, quotes, NUL, bytes above 0x7f
+        }
+        return out;
+    };
+    for (int i = 0; i < 500; ++i) {
+        Result result;
+        result.isSuccess = i % 2 == 0;
+        Message& message = result.message;
+        for (std::string* field : {&message.guid, &message.annex, &message.senderType, &message.senderId,
+                                   &message.senderName, &message.senderKind, &message.senderElevation,
+                                   &message.notification.command, &message.notification.payload,
+                                   &message.notification.targetId, &message.notification.targetName,
+                                   &message.statusSource, &message.statusText}) {
+            *field = text();
+        }
+        message.statusCode = static_cast<int32_t>(random());
+        ASSERT_EQ(WireCodec::EncodeMessage(message), WireCodec::Write(WireCodec::ToJson(message)));
+        ASSERT_EQ(WireCodec::EncodeResult(result), WireCodec::Write(WireCodec::ToJson(result)));
+    }
 }
 
 TEST(WireCodec, EncodesOnOneLine)
