@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <sstream>
 
 namespace VEQ {
 namespace {
@@ -130,8 +131,8 @@ void AppExtensionOperator::ProcessMessage(const Message& message)
 std::optional<AppExtensionOperator::Handshake> AppExtensionOperator::ProcessMessageData(const std::string& data)
 {
     Json::Value root;
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    // Only the global worker reads handshakes; its reader is built once.
+    thread_local const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
     std::string errors;
     bool parsed = false;
     try {
@@ -192,11 +193,16 @@ void AppExtensionOperator::SendConnectResponse(const Message& message, const std
     reply["response"] = "accepted";
     reply["serverVersion"] = String::UTF16ToUTF8(VeqInfo::GetInstance()->GetVeqServiceVersion());
     reply["sdkVersion"] = sdkVersion;
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
+    thread_local const std::unique_ptr<Json::StreamWriter> writer = [] {
+        Json::StreamWriterBuilder builder;
+        builder["indentation"] = "";
+        return std::unique_ptr<Json::StreamWriter>(builder.newStreamWriter());
+    }();
+    std::ostringstream text;
+    writer->write(reply, &text);
     Result result;
     result.message = message;
-    result.message.notification.payload = Json::writeString(writer, reply);
+    result.message.notification.payload = text.str();
     m_pServer->SendResult(result);
 }
 

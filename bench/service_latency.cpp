@@ -123,8 +123,13 @@ double HandshakeToFirstReply(const std::string& globalPath, int index, Phases& p
 
 int main()
 {
-    char rootTemplate[] = "/tmp/veq-bench-XXXXXX";
-    const std::string root = ::mkdtemp(rootTemplate);
+    const char* base = std::getenv("TMPDIR");
+    std::string rootTemplate = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/veq-bench-XXXXXX";
+    if (::mkdtemp(rootTemplate.data()) == nullptr) {
+        Fail("cannot make a folder under " + rootTemplate);
+    }
+    const std::string root = rootTemplate;
+    std::printf("data root: %s\n", root.c_str());
     const std::string policyPath = root + "/policy.json";
     VEQ::Platform::Install({VEQ::String::UTF8ToUTF16(root)});
     WritePolicy(policyPath, Policy("none"));
