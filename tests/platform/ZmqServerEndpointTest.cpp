@@ -3,6 +3,7 @@
 #include "platform/transport/SocketFile.h"
 #include "platform/transport/WireCodec.h"
 #include "platform/transport/ZmqServerEndpoint.h"
+#include "tests/support/Eventually.h"
 #include "tests/support/TempRoot.h"
 
 #include <gtest/gtest.h>
@@ -127,6 +128,26 @@ TEST_F(ZmqServerEndpointTest, PushesReachEveryConnectedClientAndFailWithoutOne)
         auto received = client->NextPush(5s);
         ASSERT_TRUE(received);
         EXPECT_EQ(received->command, "StopAppExtension");
+    }
+}
+
+TEST_F(ZmqServerEndpointTest, AClientIntroducesItselfAgainToAnEndpointRestartedOnItsPath)
+{
+    ClientConnection client;
+    ASSERT_TRUE(client.Connect(path_, 5s)) << client.LastError();
+    for (int restart = 0; restart < 2; ++restart) {
+        endpoint_->Stop();
+        endpoint_ = std::make_unique<ZmqServerEndpoint>(2s);
+        ConnectionDetails details{1, path_};
+        ASSERT_EQ(endpoint_->Start(details), 0);
+        Notification push{"Receive-Again", std::to_string(restart), "", ""};
+        ASSERT_TRUE(VEQ::Test::Eventually([&] { return endpoint_->SendNotification(push); }, 5s))
+            << "the restarted endpoint never heard from the client";
+        auto received = client.NextPush(5s);
+        ASSERT_TRUE(received);
+        EXPECT_EQ(received->payload, std::to_string(restart));
+        while (client.NextPush(0ms)) {
+        }
     }
 }
 
