@@ -7,25 +7,6 @@
 #include <exception>
 
 namespace VEQ {
-namespace {
-
-DisableMqttConnectionCommandResponse ResponseFor(ExtensionMqttBrokerResult outcome)
-{
-    using namespace MqttResponseTexts;
-    switch (outcome) {
-    case ExtensionMqttBrokerResult::Success:
-        return {kTrue, "0", kSuccess};
-    case ExtensionMqttBrokerResult::NotAllowed:
-        return {kFalse, "1", kNotAllowed};
-    case ExtensionMqttBrokerResult::UnableToAccess:
-        return {kFalse, "2", kUnableToAccess};
-    default:
-        // A disable has no outcome "not connected" of its own.
-        return {kFalse, "", ""};
-    }
-}
-
-}  // namespace
 
 DisableMqttConnectionCommand::DisableMqttConnectionCommand(Log& log, const std::string& extensionId)
     : BaseCommandHandler(log), commandNames_{kCommandName}, extensionId_(extensionId)
@@ -45,7 +26,9 @@ BaseCommandHandler::Result DisableMqttConnectionCommand::GetResponse(const Clien
         result = Succeeded(message, kReplyCommand, "");
         const ExtensionMqttBrokerResult outcome =
             DisableMqttConnectionToBroker(extensionId_, request.getBrokerContext().getElevationType());
-        result.message.notification.payload = DisableMqttConnectionCommandResponse::Serialize(ResponseFor(outcome));
+        const auto reply = MqttResponseTexts::ForConnectionOutcome(outcome, false);
+        result.message.notification.payload =
+            DisableMqttConnectionCommandResponse::Serialize({reply.flag, reply.code, reply.description});
     } catch (const std::exception& error) {
         if (log_ != nullptr) {
             log_->e(L"%s: Exception: %s", kFunction, error.what());

@@ -7,25 +7,6 @@
 #include <exception>
 
 namespace VEQ {
-namespace {
-
-EnableMqttConnectionCommandResponse ResponseFor(ExtensionMqttBrokerResult outcome)
-{
-    using namespace MqttResponseTexts;
-    switch (outcome) {
-    case ExtensionMqttBrokerResult::Success:
-        return {kTrue, "0", kSuccess};
-    case ExtensionMqttBrokerResult::NotAllowed:
-        return {kFalse, "1", kNotAllowed};
-    case ExtensionMqttBrokerResult::UnableToAccess:
-        return {kFalse, "2", kUnableToAccess};
-    case ExtensionMqttBrokerResult::NotConnected:
-        return {kFalse, "3", kNotConnected};
-    }
-    return {kFalse, "", ""};
-}
-
-}  // namespace
 
 EnableMqttConnectionCommand::EnableMqttConnectionCommand(Log& log, const std::string& extensionId)
     : BaseCommandHandler(log), commandNames_{kCommandName}, extensionId_(extensionId)
@@ -45,7 +26,9 @@ BaseCommandHandler::Result EnableMqttConnectionCommand::GetResponse(const Client
         result = Succeeded(message, kReplyCommand, "");
         const ExtensionMqttBrokerResult outcome =
             EnableMqttConnectionToBroker(extensionId_, request.getBrokerContext().getElevationType());
-        result.message.notification.payload = EnableMqttConnectionCommandResponse::Serialize(ResponseFor(outcome));
+        const auto reply = MqttResponseTexts::ForConnectionOutcome(outcome, true);
+        result.message.notification.payload =
+            EnableMqttConnectionCommandResponse::Serialize({reply.flag, reply.code, reply.description});
     } catch (const std::exception& error) {
         if (log_ != nullptr) {
             log_->e(L"%s: Exception: %s", kFunction, error.what());
