@@ -9,12 +9,12 @@
 #include "platform/registry/CRegUtil.h"
 #include "platform/string/String.h"
 #include "platform/transport/NotificationFactory.h"
+#include "platform/transport/WireCodec.h"
 
 #include <json/json.h>
 
 #include <algorithm>
 #include <memory>
-#include <sstream>
 
 namespace VEQ {
 namespace {
@@ -193,16 +193,9 @@ void AppExtensionOperator::SendConnectResponse(const Message& message, const std
     reply["response"] = "accepted";
     reply["serverVersion"] = String::UTF16ToUTF8(VeqInfo::GetInstance()->GetVeqServiceVersion());
     reply["sdkVersion"] = sdkVersion;
-    thread_local const std::unique_ptr<Json::StreamWriter> writer = [] {
-        Json::StreamWriterBuilder builder;
-        builder["indentation"] = "";
-        return std::unique_ptr<Json::StreamWriter>(builder.newStreamWriter());
-    }();
-    std::ostringstream text;
-    writer->write(reply, &text);
     Result result;
     result.message = message;
-    result.message.notification.payload = text.str();
+    result.message.notification.payload = Tavrin::Veq::ClientBroker::WireCodec::Write(reply);
     m_pServer->SendResult(result);
 }
 
