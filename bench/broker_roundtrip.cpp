@@ -9,6 +9,7 @@
 #include "broker/BaseClientBroker.h"
 #include "platform/Platform.h"
 #include "platform/string/String.h"
+#include "platform/sync/TaskPool.h"
 #include "platform/transport/ClientConnection.h"
 #include "platform/transport/ZmqServerEndpoint.h"
 
@@ -19,6 +20,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -143,6 +145,53 @@ public:
     }
 
     ~ZmqEchoTarget()
+    {
+        client_.send(zmq::message_t(), zmq::send_flags::none);
+        echo_.join();
+    }
+
+    double Sample()
+    {
+        const auto start = steady_clock::now();
+        client_.send(zmq::buffer(kFrame));
+        zmq::message_t reply;
+        (void)client_.recv(reply);
+        return MicrosSince(start);
+    }
+
+private:
+    zmq::context_t context_{1};
+    zmq::socket_t server_;
+    zmq::socket_t client_;
+    std::thread echo_;
+};
+
+// The bare echo with the hand-off every broker command makes: the receiving thread runs the answer
+// as a task on a pool thread, waits for it, then sends it itself. The least a broker can cost.
+class ZmqHandOffEchoTarget {
+public:
+    explicit ZmqHandOffEchoTarget(const std::string& root)
+        : server_(context_, zmq::socket_type::router), client_(context_, zmq::socket_type::dealer)
+    {
+        const std::string address = "ipc://" + root + "/zmq-hand-off-echo";
+        server_.bind(address);
+        echo_ = std::thread([this] {
+            while (true) {
+                zmq::message_t id;
+                zmq::message_t body;
+                if (!server_.recv(id) || !server_.recv(body) || body.size() == 0) {
+                    return;
+                }
+                auto answer = VEQ::TaskPool::Shared().Submit([&body] { return zmq::message_t(body.data(), body.size()); });
+                answer.wait();
+                server_.send(id, zmq::send_flags::sndmore);
+                server_.send(answer.get(), zmq::send_flags::none);
+            }
+        });
+        client_.connect(address);
+    }
+
+    ~ZmqHandOffEchoTarget()
     {
         client_.send(zmq::message_t(), zmq::send_flags::none);
         echo_.join();
@@ -296,36 +345,46 @@ int main()
     {
         UnixEchoTarget unixEcho(root);
         ZmqEchoTarget zmqEcho(root);
-        BrokerTarget broker;
+        ZmqHandOffEchoTarget handOffEcho(root);
         TransportEchoTarget transport(root);
-        std::vector<double> transportSamples;
-        const auto gap = duration_cast<microseconds>(kBrokerPause) / kBrokers;
-        std::vector<double> unixSamples, zmqSamples, brokerSamples;
+        BrokerTarget broker;
+        struct Target {
+            const char* name;
+            std::function<double()> sample;
+            std::vector<double> samples;
+        };
+        std::vector<Target> targets;
+        targets.push_back({"raw Unix-socket echo", [&] { return unixEcho.Sample(); }, {}});
+        targets.push_back({"bare ZeroMQ echo", [&] { return zmqEcho.Sample(); }, {}});
+        targets.push_back({"ZeroMQ echo + hand-off", [&] { return handOffEcho.Sample(); }, {}});
+        targets.push_back({"our transport echo", [&] { return transport.Sample(); }, {}});
+        targets.push_back({"broker command", [&] { return broker.Sample(); }, {}});
+        // Each round asks every target once, in an order that rotates, so that none always comes
+        // first after the pause or right after another.
+        const auto gap = duration_cast<microseconds>(kBrokerPause) / kBrokers / targets.size();
         for (int i = 0; i < kSamples + kWarmUp; ++i) {
-            std::this_thread::sleep_for(gap / 3);
-            const double u = unixEcho.Sample();
-            std::this_thread::sleep_for(gap / 3);
-            const double z = zmqEcho.Sample();
-            const double t = transport.Sample();
-            const double b = broker.Sample();  // sleeps the rest of the gap until its broker is ready
-            if (i >= kWarmUp) {
-                unixSamples.push_back(u);
-                transportSamples.push_back(t);
-                zmqSamples.push_back(z);
-                brokerSamples.push_back(b);
+            for (size_t k = 0; k < targets.size(); ++k) {
+                Target& target = targets[(k + static_cast<size_t>(i)) % targets.size()];
+                std::this_thread::sleep_for(gap);
+                const double sample = target.sample();  // the broker also sleeps until its broker is ready
+                if (i >= kWarmUp) {
+                    target.samples.push_back(sample);
+                }
             }
         }
-        const Figures u = Summarise(unixSamples);
-        const Figures z = Summarise(zmqSamples);
-        const Figures b = Summarise(brokerSamples);
         std::printf("round trip on this machine, %d interleaved samples each, ~%lld us apart (microseconds)\n",
-                    kSamples, static_cast<long long>(gap.count() / 3));
-        std::printf("%-22s %10s %10s\n", "", "median", "p99");
-        std::printf("%-22s %10.1f %10.1f\n", "raw Unix-socket echo", u.median, u.p99);
-        std::printf("%-22s %10.1f %10.1f\n", "bare ZeroMQ echo", z.median, z.p99);
-        const Figures t = Summarise(transportSamples);
-        std::printf("%-22s %10.1f %10.1f\n", "our transport echo", t.median, t.p99);
-        std::printf("%-22s %10.1f %10.1f\n", "broker command", b.median, b.p99);
+                    kSamples, static_cast<long long>(gap.count()));
+        std::printf("%-24s %10s %10s\n", "", "median", "p99");
+        std::vector<Figures> figures;
+        for (const auto& target : targets) {
+            figures.push_back(Summarise(target.samples));
+            std::printf("%-24s %10.1f %10.1f\n", target.name, figures.back().median, figures.back().p99);
+        }
+        const Figures& z = figures[1];
+        const Figures& h = figures[2];
+        const Figures& b = figures[4];
+        std::printf("hand-off alone / ZeroMQ echo: median %.2fx (what the dispatch threading costs by itself)\n",
+                    h.median / z.median);
         std::printf("broker / ZeroMQ echo: median %.2fx, p99 %.2fx (target: median <= 1.5x)\n", b.median / z.median,
                     b.p99 / z.p99);
     }

@@ -19,10 +19,12 @@ TaskPool::~TaskPool()
 
 void TaskPool::Post(std::function<void()> job)
 {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::unique_lock<std::mutex> lock(mutex_);
     ReapFinished();
     jobs_.push_back(std::move(job));
     if (idle_ >= jobs_.size()) {
+        // Woken after the unlock, the idle thread does not have to wait for the mutex again.
+        lock.unlock();
         jobReady_.notify_one();
         return;
     }

@@ -8,6 +8,7 @@
 #include "platform/transport/ZmqContext.h"
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 #include <random>
 #include <sys/stat.h>
@@ -215,26 +216,23 @@ std::optional<std::string> ClientConnection::ReceiveOne(std::chrono::steady_cloc
         return std::nullopt;
     }
     while (true) {
+        const auto remaining =
+            std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
+        // 0 still takes a message that is already there.
+        const int timeoutMs = static_cast<int>(std::clamp<int64_t>(remaining, 0, INT32_MAX));
         std::vector<std::string> frames;
         bool tooMany = false;
-        if (FrameIo::Receive(*requestSocket_, frames, 2, tooMany)) {
-            if (!frames.empty() && !tooMany) {
+        try {
+            if (FrameIo::ReceiveWithin(*requestSocket_, frames, 2, tooMany, timeoutMs) && !frames.empty() && !tooMany) {
                 return frames.back();
             }
-            continue;
-        }
-        const auto remaining =
-            std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        if (remaining.count() <= 0) {
-            return std::nullopt;
-        }
-        zmq::pollitem_t item{requestSocket_->handle(), 0, ZMQ_POLLIN, 0};
-        try {
-            zmq::poll(&item, 1, remaining);
         } catch (const zmq::error_t& error) {
             if (error.num() != EINTR) {
                 return std::nullopt;
             }
+        }
+        if (timeoutMs == 0) {
+            return std::nullopt;
         }
     }
 }

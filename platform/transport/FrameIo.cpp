@@ -2,14 +2,11 @@
 
 namespace Tavrin::Veq::ClientBroker {
 
-bool FrameIo::Receive(zmq::socket_t& socket, std::vector<std::string>& frames, size_t maxFrames, bool& tooMany)
+namespace {
+
+bool ReadRest(zmq::socket_t& socket, zmq::message_t& part, std::vector<std::string>& frames, size_t maxFrames,
+              bool& tooMany)
 {
-    frames.clear();
-    tooMany = false;
-    zmq::message_t part;
-    if (!socket.recv(part, zmq::recv_flags::dontwait)) {
-        return false;
-    }
     while (true) {
         if (frames.size() < maxFrames) {
             frames.emplace_back(static_cast<const char*>(part.data()), part.size());
@@ -24,6 +21,26 @@ bool FrameIo::Receive(zmq::socket_t& socket, std::vector<std::string>& frames, s
             return true;
         }
     }
+}
+
+}  // namespace
+
+bool FrameIo::Receive(zmq::socket_t& socket, std::vector<std::string>& frames, size_t maxFrames, bool& tooMany)
+{
+    frames.clear();
+    tooMany = false;
+    zmq::message_t part;
+    return socket.recv(part, zmq::recv_flags::dontwait) && ReadRest(socket, part, frames, maxFrames, tooMany);
+}
+
+bool FrameIo::ReceiveWithin(zmq::socket_t& socket, std::vector<std::string>& frames, size_t maxFrames, bool& tooMany,
+                            int timeoutMs)
+{
+    frames.clear();
+    tooMany = false;
+    zmq::message_t part;
+    socket.set(zmq::sockopt::rcvtimeo, timeoutMs);
+    return socket.recv(part, zmq::recv_flags::none) && ReadRest(socket, part, frames, maxFrames, tooMany);
 }
 
 int FrameIo::Send(zmq::socket_t& socket, const std::vector<std::string>& frames)
