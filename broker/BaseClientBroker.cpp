@@ -97,13 +97,9 @@ void BaseClientBroker::StartServer()
     }
     socketId = folder + Utility::CGuid::NewGuid(true);
     utility::createFileWithAcl(socketId, userSide);
+    // The path goes to the client at once, while the worker binds it: the client's own trip
+    // there overlaps the bind, and it waits for the socket should it arrive first.
     workerThread = new std::thread(&BaseClientBroker::WorkerThread, this);
-    // The socket path goes to the client as soon as this returns: let it be listening by then, so
-    // that the client connects at once instead of polling for the file.
-    if (!serverListening.Wait(kServerStartWait)) {
-        log.e(L"%s: server not listening after %d ms: %s", function, static_cast<int>(kServerStartWait.count()),
-              socketId);
-    }
     log.d(L"%s: Exit", function);
 }
 
@@ -119,7 +115,6 @@ void BaseClientBroker::WorkerThread()
             server = NotificationFactory::GetInstance(NotificationFactory::kServerRole);
             log.d(L"%s : Start the server :%s", function, socketId);
             const int rc = server->Start(details);
-            serverListening.Set();
             if (rc != 0) {
                 log.e(L"%s: Failed to start server: Socket: %s, SdkError: %d", function, socketId, rc);
             }
@@ -158,7 +153,6 @@ void BaseClientBroker::WorkerThread()
     } catch (const std::exception& error) {
         log.e(L"%s Exception while waiting for message :%s", function, error.what());
     }
-    serverListening.Set();
 }
 
 void BaseClientBroker::RestartServer(ConnectionDetails& details)

@@ -6,7 +6,6 @@
 #include "broker/ClientRequest.h"
 #include "broker/EndpointUsers.h"
 #include "platform/log/Log.h"
-#include "platform/sync/ManualResetEvent.h"
 #include "platform/transport/INotificationBase.h"
 
 #include <atomic>
@@ -102,8 +101,6 @@ private:
     AppExtensionOperator* appExtensionOperator = nullptr;
     INotificationBase* server = nullptr;
     std::thread* workerThread = nullptr;
-    ManualResetEvent serverListening;  // set once the worker's first endpoint has started, or failed to
-    static constexpr std::chrono::milliseconds kServerStartWait{5000};
     std::mutex mutex;  // guards server and every send on it
     std::shared_ptr<EndpointUsers> endpointUsers = std::make_shared<EndpointUsers>();
     std::shared_future<void> endpointDeleted;  // set when a client's Close-Connection hands the endpoint off
