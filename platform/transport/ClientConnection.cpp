@@ -2,6 +2,7 @@
 
 #include <zmq.hpp>
 
+#include "platform/transport/FolderWatch.h"
 #include "platform/transport/FrameIo.h"
 #include "platform/transport/SocketFile.h"
 #include "platform/transport/WireCodec.h"
@@ -78,6 +79,9 @@ bool ClientConnection::ProbeReachable(const std::string& path, std::chrono::stea
     if (::stat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode) && ::access(path.c_str(), W_OK) == 0) {
         return true;
     }
+    // A new broker's socket replaces its placeholder a moment after the path was handed out: the
+    // watch wakes this thread when it does; without a watch, look again soon, then less often.
+    std::optional<FolderWatch> watch;
     auto retry = std::chrono::duration_cast<std::chrono::microseconds>(kFirstProbeRetry);
     while (true) {
         const int error = SocketFile::Probe(path);
@@ -85,12 +89,22 @@ bool ClientConnection::ProbeReachable(const std::string& path, std::chrono::stea
             return true;
         }
         const bool transient = error == ENOENT || error == ECONNREFUSED;
-        if (!transient || std::chrono::steady_clock::now() >= deadline) {
+        const auto now = std::chrono::steady_clock::now();
+        if (!transient || now >= deadline) {
             lastError_ = Describe(path, error);
             return false;
         }
-        std::this_thread::sleep_for(retry);
-        retry = std::min(retry * 2, std::chrono::duration_cast<std::chrono::microseconds>(kLongestProbeRetry));
+        if (!watch) {
+            watch.emplace(path);
+            continue;  // the socket may have come before the watch
+        }
+        const auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - now);
+        if (watch->Active()) {
+            watch->WaitForChange(std::min(left, std::chrono::duration_cast<std::chrono::microseconds>(kLongestProbeRetry)));
+        } else {
+            std::this_thread::sleep_for(std::min(retry, left));
+            retry = std::min(retry * 2, std::chrono::duration_cast<std::chrono::microseconds>(kLongestProbeRetry));
+        }
     }
 }
 
@@ -131,11 +145,9 @@ bool ClientConnection::Connect(const std::string& socketPath, std::chrono::milli
     // Queued now, the hello leaves with the connection itself, without waiting for the monitor.
     SendHello();
     helloQueued_ = true;
+    const bool welcomed = AwaitWelcome(deadline);
     listenThread_ = std::thread(&ClientConnection::ListenThread, this);
-
-    std::unique_lock<std::mutex> lock(stateMutex_);
-    if (!changed_.wait_until(lock, deadline, [this] { return welcomed_; })) {
-        lock.unlock();
+    if (!welcomed) {
         const int error = SocketFile::Probe(socketPath);
         lastError_ = error != 0 ? Describe(socketPath, error)
                                 : "no answer from " + socketPath + " within " + std::to_string(timeout.count()) + " ms";
@@ -143,6 +155,37 @@ bool ClientConnection::Connect(const std::string& socketPath, std::chrono::milli
         return false;
     }
     return true;
+}
+
+// Reads the push channel on the connecting thread until the welcome: one thread fewer to wake
+// before Connect returns. The server sends nothing to a client before its welcome.
+bool ClientConnection::AwaitWelcome(std::chrono::steady_clock::time_point deadline)
+{
+    while (true) {
+        {
+            std::lock_guard<std::mutex> lock(stateMutex_);
+            if (welcomed_) {
+                return true;
+            }
+        }
+        const auto remaining =
+            std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
+        if (remaining <= 0) {
+            return false;
+        }
+        std::vector<std::string> frames;
+        bool tooMany = false;
+        try {
+            const int timeoutMs = static_cast<int>(std::min<int64_t>(remaining, INT32_MAX));
+            if (FrameIo::ReceiveWithin(*notifySocket_, frames, 2, tooMany, timeoutMs) && !frames.empty() && !tooMany) {
+                HandleNotifyFrame(frames.back());
+            }
+        } catch (const zmq::error_t& error) {
+            if (error.num() != EINTR) {
+                return false;
+            }
+        }
+    }
 }
 
 void ClientConnection::Close()

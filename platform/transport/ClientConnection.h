@@ -57,6 +57,7 @@ public:
 
 private:
     bool ProbeReachable(const std::string& path, std::chrono::steady_clock::time_point deadline);
+    bool AwaitWelcome(std::chrono::steady_clock::time_point deadline);
     void ListenThread();
     void HandleNotifyFrame(const std::string& frame);
     void HandleMonitorEvent();

@@ -1,4 +1,5 @@
 #include "platform/transport/ClientConnection.h"
+#include "platform/transport/FolderWatch.h"
 #include "platform/transport/FrameIo.h"
 #include "platform/transport/SocketFile.h"
 #include "platform/transport/WireCodec.h"
@@ -15,6 +16,7 @@
 #include <sys/stat.h>
 #include <thread>
 #include <cstdio>
+#include <fcntl.h>
 #include <unistd.h>
 #include <sys/un.h>
 #include <sys/socket.h>
@@ -399,6 +401,57 @@ TEST(ClientConnectionErrors, SaysWhyAPathCannotBeReached)
     }
     EXPECT_FALSE(client.Connect(stale, 300ms));
     EXPECT_NE(client.LastError().find("nothing listens on " + stale), std::string::npos) << client.LastError();
+}
+
+
+// A broker hands out its path while it binds: the client finds a placeholder there, or nothing.
+TEST(ClientConnectionWaits, ForAnEndpointThatStartsAfterItWasGivenThePath)
+{
+    VEQ::Test::TempRoot root;
+    const std::string placeholder = root.BelowUtf8("placeholder");
+    ::close(::open(placeholder.c_str(), O_WRONLY | O_CREAT, 0600));
+    const std::string missing = root.BelowUtf8("missing");
+    for (const std::string& path : {placeholder, missing}) {
+        ClientConnection client;
+        auto connected = std::async(std::launch::async, [&] { return client.Connect(path, 5s); });
+        std::this_thread::sleep_for(100ms);
+        ZmqServerEndpoint endpoint;
+        ConnectionDetails details{1, path};
+        ASSERT_EQ(endpoint.Start(details), 0);
+        std::thread server([&] {
+            Result received = endpoint.Wait(5000);
+            Result answer;
+            answer.isSuccess = true;
+            answer.message = received.message;
+            endpoint.SendResult(answer);
+        });
+        EXPECT_TRUE(connected.get()) << path << ": " << client.LastError();
+        EXPECT_TRUE(client.Send(Request("g", "Echo"), 5s)) << path;
+        server.join();
+    }
+}
+
+TEST(FolderWatch, WakesForAFileRenamedIntoTheFolderOnly)
+{
+    VEQ::Test::TempRoot root;
+    const std::string path = root.BelowUtf8("socket");
+    FolderWatch watch(path);
+    ASSERT_TRUE(watch.Active());
+    const std::string hidden = root.BelowUtf8(".hidden");
+    ::close(::open(hidden.c_str(), O_WRONLY | O_CREAT, 0600));
+    ::chmod(hidden.c_str(), 0666);
+    EXPECT_FALSE(watch.WaitForChange(20ms)) << "a file made or changed beside the path is not its socket";
+    auto renamed = std::async(std::launch::async, [&] {
+        std::this_thread::sleep_for(50ms);
+        return ::rename(hidden.c_str(), path.c_str());
+    });
+    EXPECT_TRUE(watch.WaitForChange(5s));
+    EXPECT_EQ(renamed.get(), 0);
+    EXPECT_FALSE(watch.WaitForChange(0ms)) << "a change is consumed by the wait that saw it";
+
+    FolderWatch nowhere(root.BelowUtf8("missing/socket"));
+    EXPECT_FALSE(nowhere.Active());
+    EXPECT_FALSE(nowhere.WaitForChange(10ms));
 }
 
 }  // namespace
