@@ -55,6 +55,7 @@ void CoreUtility::SetMachineIdFiles(std::vector<std::wstring> files)
 {
     std::lock_guard<std::mutex> lock(mutex_);
     machineIdFiles_ = std::move(files);
+    knownId_.clear();
 }
 
 bool CoreUtility::GetDeviceIdentity(DeviceIdentity& identity)
@@ -62,11 +63,19 @@ bool CoreUtility::GetDeviceIdentity(DeviceIdentity& identity)
     std::vector<std::wstring> files;
     {
         std::lock_guard<std::mutex> lock(mutex_);
+        if (!knownId_.empty()) {
+            identity.deviceId = knownId_;
+            return true;
+        }
         files = machineIdFiles_;
     }
     for (const auto& file : files) {
         if (auto id = ReadMachineId(file)) {
             identity.deviceId = std::move(*id);
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (files == machineIdFiles_) {
+                knownId_ = identity.deviceId;  // unless the files were replaced meanwhile
+            }
             return true;
         }
     }

@@ -23,7 +23,8 @@ public:
     virtual ~CoreUtility() = default;
 
     // Reads the first machine-id file that holds a valid id (32 hex digits, not all zero).
-    // False, with an empty deviceId, when none does.
+    // False, with an empty deviceId, when none does. An id once read is kept: the system writes
+    // it once, and every status request asks for it.
     virtual bool GetDeviceIdentity(DeviceIdentity& identity);
 
     // Where the machine id is looked for, in order: /etc/machine-id, then D-Bus's copy for
@@ -35,8 +36,9 @@ protected:
     CoreUtility();
 
 private:
-    std::mutex mutex_;  // guards machineIdFiles_
+    std::mutex mutex_;  // guards machineIdFiles_ and knownId_
     std::vector<std::wstring> machineIdFiles_;
+    std::wstring knownId_;
 };
 
 }  // namespace VEQ

@@ -64,5 +64,21 @@ TEST_F(DeviceIdentityTest, TheFirstFileWithAValidMachineIdGivesTheDeviceId)
     }
 }
 
+TEST_F(DeviceIdentityTest, AnIdOnceReadIsKeptUntilTheFilesAreReplaced)
+{
+    const std::wstring path = File(L"machine-id", "uninitialized\n");
+    CoreUtility::GetInstance()->SetMachineIdFiles({path});
+    DeviceIdentity identity;
+    EXPECT_FALSE(CoreUtility::GetInstance()->GetDeviceIdentity(identity)) << "first boot: no id yet";
+    File(L"machine-id", "0123456789abcdef0123456789abcdef\n");
+    ASSERT_TRUE(CoreUtility::GetInstance()->GetDeviceIdentity(identity)) << "written later: read then";
+    File(L"machine-id", "ffffffffffffffffffffffffffffffff\n");
+    EXPECT_TRUE(CoreUtility::GetInstance()->GetDeviceIdentity(identity));
+    EXPECT_EQ(identity.deviceId, L"01234567-89AB-CDEF-0123-456789ABCDEF");
+    CoreUtility::GetInstance()->SetMachineIdFiles({path});
+    EXPECT_TRUE(CoreUtility::GetInstance()->GetDeviceIdentity(identity));
+    EXPECT_EQ(identity.deviceId, L"FFFFFFFF-FFFF-FFFF-FFFF-FFFFFFFFFFFF");
+}
+
 }  // namespace
 }  // namespace VEQ
