@@ -9,7 +9,7 @@
 #include "platform/transport/ZmqContext.h"
 
 #include <algorithm>
-#include <climits>
+#include <cstdint>
 #include <cstring>
 #include <random>
 #include <sys/stat.h>
@@ -265,16 +265,18 @@ std::optional<std::string> ClientConnection::ReceiveOne(std::chrono::steady_cloc
         const int timeoutMs = static_cast<int>(std::clamp<int64_t>(remaining, 0, INT32_MAX));
         std::vector<std::string> frames;
         bool tooMany = false;
+        bool received = false;
         try {
-            if (FrameIo::ReceiveWithin(*requestSocket_, frames, 2, tooMany, timeoutMs) && !frames.empty() && !tooMany) {
-                return frames.back();
-            }
+            received = FrameIo::ReceiveWithin(*requestSocket_, frames, 2, tooMany, timeoutMs);
         } catch (const zmq::error_t& error) {
             if (error.num() != EINTR) {
                 return std::nullopt;
             }
         }
-        if (timeoutMs == 0) {
+        if (received && !frames.empty() && !tooMany) {
+            return frames.back();
+        }
+        if (!received && timeoutMs == 0) {
             return std::nullopt;
         }
     }
