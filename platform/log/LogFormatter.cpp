@@ -47,7 +47,12 @@ size_t PrefixBytes(std::string_view utf8, size_t count)
 
 void AppendWide(std::string& out, std::wstring_view text)
 {
-    out += String::UTF16ToUTF8(std::wstring(text));
+    String::AppendUTF8(out, text);
+}
+
+bool IsPlain(const Conversion& conversion)
+{
+    return conversion.width < 0 && conversion.precision < 0;
 }
 
 void AppendCodePoint(std::string& out, uint64_t code)
@@ -130,10 +135,18 @@ void AppendAsText(std::string& out, const LogArgument& argument, const Conversio
     const Conversion plain{conversion.flags, conversion.width, -1, 's'};
     switch (argument.kind()) {
     case LogArgument::Kind::Narrow:
-        AppendField(out, argument.narrow(), conversion, true);
+        if (IsPlain(conversion)) {
+            out += argument.narrow();  // the common case, without counting code points
+        } else {
+            AppendField(out, argument.narrow(), conversion, true);
+        }
         return;
     case LogArgument::Kind::Wide:
-        AppendField(out, String::UTF16ToUTF8(std::wstring(argument.wide())), conversion, true);
+        if (IsPlain(conversion)) {
+            AppendWide(out, argument.wide());
+        } else {
+            AppendField(out, String::UTF16ToUTF8(std::wstring(argument.wide())), conversion, true);
+        }
         return;
     case LogArgument::Kind::Boolean:
         AppendField(out, argument.asUnsigned() != 0 ? "true" : "false", conversion, true);

@@ -101,11 +101,30 @@ std::wstring String::UTF8ToUTF16(const std::string& text)
 std::string String::UTF16ToUTF8(const std::wstring& text)
 {
     std::string out;
-    out.reserve(text.size());
-    for (wchar_t c : text) {
-        AppendUtf8(out, static_cast<char32_t>(c));
-    }
+    AppendUTF8(out, text);
     return out;
+}
+
+void String::AppendUTF8(std::string& out, std::wstring_view text)
+{
+    out.reserve(out.size() + text.size());
+    size_t i = 0;
+    while (i < text.size()) {
+        // A run of ASCII goes in at once: nearly all text here is ASCII.
+        size_t end = i;
+        while (end < text.size() && static_cast<char32_t>(text[end]) < 0x80) {
+            ++end;
+        }
+        if (end > i) {
+            const size_t at = out.size();
+            out.resize(at + (end - i));
+            std::transform(text.begin() + static_cast<std::ptrdiff_t>(i), text.begin() + static_cast<std::ptrdiff_t>(end),
+                           out.begin() + static_cast<std::ptrdiff_t>(at), [](wchar_t c) { return static_cast<char>(c); });
+            i = end;
+            continue;
+        }
+        AppendUtf8(out, static_cast<char32_t>(text[i++]));
+    }
 }
 
 bool String::CaseInsesitiveEqual(const std::string& left, const std::string& right)

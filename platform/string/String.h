@@ -2,6 +2,7 @@
 // Text helpers. Narrow strings are UTF-8; wide strings are std::wstring (UTF-32 on Linux).
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace VEQ {
@@ -11,6 +12,8 @@ public:
     // Invalid input sequences become U+FFFD instead of failing.
     static std::wstring UTF8ToUTF16(const std::string& text);
     static std::string UTF16ToUTF8(const std::wstring& text);
+    // The same conversion, appended to out.
+    static void AppendUTF8(std::string& out, std::wstring_view text);
 
     // Letter case is ignored for ASCII letters only, like the registry and the file names compared with it.
     static bool CaseInsesitiveEqual(const std::string& left, const std::string& right);
