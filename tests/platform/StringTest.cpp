@@ -21,6 +21,7 @@ TEST(StringTest, ValidUtf8RoundTripsThroughWideText)
         {"four-byte", "\xF0\x9F\x98\x80!", L"\U0001F600!"},
         {"highest scalar", "\xF4\x8F\xBF\xBF", L"\U0010FFFF"},
         {"embedded nul", std::string("a\0b", 3), std::wstring(L"a\0b", 3)},
+        {"ascii runs between others", "ab\xC3\xA9" "cd\xE2\x82\xAC\xE2\x82\xAC" "e", L"ab\u00E9cd\u20AC\u20ACe"},
     };
     for (const auto& row : rows) {
         EXPECT_EQ(String::UTF8ToUTF16(row.utf8), row.wide) << row.name;
