@@ -123,19 +123,28 @@ private:
     int next_ = 0;
 };
 
+// A bare ZeroMQ echo. With handOff, the echo makes the hand-off every broker command makes: the
+// receiving thread runs the answer as a task on a pool thread, waits for it, then sends it itself.
+// That is the least a broker can cost.
 class ZmqEchoTarget {
 public:
-    explicit ZmqEchoTarget(const std::string& root)
+    ZmqEchoTarget(const std::string& root, bool handOff)
         : server_(context_, zmq::socket_type::router), client_(context_, zmq::socket_type::dealer)
     {
-        const std::string address = "ipc://" + root + "/zmq-echo";
+        const std::string address = "ipc://" + root + (handOff ? "/zmq-hand-off-echo" : "/zmq-echo");
         server_.bind(address);
-        echo_ = std::thread([this] {
+        echo_ = std::thread([this, handOff] {
             while (true) {
                 zmq::message_t id;
                 zmq::message_t body;
                 if (!server_.recv(id) || !server_.recv(body) || body.size() == 0) {
                     return;
+                }
+                if (handOff) {
+                    auto answer =
+                        VEQ::TaskPool::Shared().Submit([&body] { return zmq::message_t(body.data(), body.size()); });
+                    answer.wait();
+                    body = answer.get();
                 }
                 server_.send(id, zmq::send_flags::sndmore);
                 server_.send(body, zmq::send_flags::none);
@@ -145,53 +154,6 @@ public:
     }
 
     ~ZmqEchoTarget()
-    {
-        client_.send(zmq::message_t(), zmq::send_flags::none);
-        echo_.join();
-    }
-
-    double Sample()
-    {
-        const auto start = steady_clock::now();
-        client_.send(zmq::buffer(kFrame));
-        zmq::message_t reply;
-        (void)client_.recv(reply);
-        return MicrosSince(start);
-    }
-
-private:
-    zmq::context_t context_{1};
-    zmq::socket_t server_;
-    zmq::socket_t client_;
-    std::thread echo_;
-};
-
-// The bare echo with the hand-off every broker command makes: the receiving thread runs the answer
-// as a task on a pool thread, waits for it, then sends it itself. The least a broker can cost.
-class ZmqHandOffEchoTarget {
-public:
-    explicit ZmqHandOffEchoTarget(const std::string& root)
-        : server_(context_, zmq::socket_type::router), client_(context_, zmq::socket_type::dealer)
-    {
-        const std::string address = "ipc://" + root + "/zmq-hand-off-echo";
-        server_.bind(address);
-        echo_ = std::thread([this] {
-            while (true) {
-                zmq::message_t id;
-                zmq::message_t body;
-                if (!server_.recv(id) || !server_.recv(body) || body.size() == 0) {
-                    return;
-                }
-                auto answer = VEQ::TaskPool::Shared().Submit([&body] { return zmq::message_t(body.data(), body.size()); });
-                answer.wait();
-                server_.send(id, zmq::send_flags::sndmore);
-                server_.send(answer.get(), zmq::send_flags::none);
-            }
-        });
-        client_.connect(address);
-    }
-
-    ~ZmqHandOffEchoTarget()
     {
         client_.send(zmq::message_t(), zmq::send_flags::none);
         echo_.join();
@@ -344,8 +306,8 @@ int main()
     VEQ::Platform::Install({VEQ::String::UTF8ToUTF16(root)});
     {
         UnixEchoTarget unixEcho(root);
-        ZmqEchoTarget zmqEcho(root);
-        ZmqHandOffEchoTarget handOffEcho(root);
+        ZmqEchoTarget zmqEcho(root, false);
+        ZmqEchoTarget handOffEcho(root, true);
         TransportEchoTarget transport(root);
         BrokerTarget broker;
         struct Target {

@@ -168,23 +168,11 @@ bool ClientConnection::AwaitWelcome(std::chrono::steady_clock::time_point deadli
                 return true;
             }
         }
-        const auto remaining =
-            std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
-        if (remaining <= 0) {
+        auto frame = ReceiveOne(*notifySocket_, deadline);
+        if (!frame) {
             return false;
         }
-        std::vector<std::string> frames;
-        bool tooMany = false;
-        try {
-            const int timeoutMs = static_cast<int>(std::min<int64_t>(remaining, INT32_MAX));
-            if (FrameIo::ReceiveWithin(*notifySocket_, frames, 2, tooMany, timeoutMs) && !frames.empty() && !tooMany) {
-                HandleNotifyFrame(frames.back());
-            }
-        } catch (const zmq::error_t& error) {
-            if (error.num() != EINTR) {
-                return false;
-            }
-        }
+        HandleNotifyFrame(*frame);
     }
 }
 
@@ -226,7 +214,7 @@ std::optional<Result> ClientConnection::Send(const Message& message, std::chrono
     if (!requestSocket_ || FrameIo::Send(*requestSocket_, {WireCodec::EncodeMessage(message)}) != 0) {
         return std::nullopt;
     }
-    while (auto frame = ReceiveOne(deadline)) {
+    while (auto frame = ReceiveOne(*requestSocket_, deadline)) {
         Result result;
         std::string error;
         if (!WireCodec::DecodeResult(*frame, result, error)) {
@@ -249,15 +237,17 @@ bool ClientConnection::SendRaw(const std::vector<std::string>& frames)
 std::optional<std::string> ClientConnection::ReceiveRaw(std::chrono::milliseconds timeout)
 {
     std::lock_guard<std::mutex> lock(requestMutex_);
-    return ReceiveOne(std::chrono::steady_clock::now() + timeout);
-}
-
-// Called with requestMutex_ held.
-std::optional<std::string> ClientConnection::ReceiveOne(std::chrono::steady_clock::time_point deadline)
-{
     if (!requestSocket_) {
         return std::nullopt;
     }
+    return ReceiveOne(*requestSocket_, std::chrono::steady_clock::now() + timeout);
+}
+
+// The last part of the next message of at most two parts on socket, which the caller owns for
+// the while: the request socket under requestMutex_, or the push socket before
+// the listening thread runs.
+std::optional<std::string> ClientConnection::ReceiveOne(zmq::socket_t& socket, std::chrono::steady_clock::time_point deadline)
+{
     while (true) {
         const auto remaining =
             std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
@@ -267,7 +257,7 @@ std::optional<std::string> ClientConnection::ReceiveOne(std::chrono::steady_cloc
         bool tooMany = false;
         bool received = false;
         try {
-            received = FrameIo::ReceiveWithin(*requestSocket_, frames, 2, tooMany, timeoutMs);
+            received = FrameIo::ReceiveWithin(socket, frames, 2, tooMany, timeoutMs);
         } catch (const zmq::error_t& error) {
             if (error.num() != EINTR) {
                 return std::nullopt;

@@ -62,7 +62,7 @@ private:
     void HandleNotifyFrame(const std::string& frame);
     void HandleMonitorEvent();
     void SendHello();
-    std::optional<std::string> ReceiveOne(std::chrono::steady_clock::time_point deadline);
+    static std::optional<std::string> ReceiveOne(zmq::socket_t& socket, std::chrono::steady_clock::time_point deadline);
 
     std::string routingId_;
     std::string lastError_;
