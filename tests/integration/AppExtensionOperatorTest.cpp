@@ -6,6 +6,7 @@
 #include "platform/transport/WireCodec.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/FileStatus.h"
 #include "tests/support/OperatorFixture.h"
 #include "tests/support/TempRoot.h"
 
@@ -19,16 +20,11 @@
 namespace VEQ {
 namespace {
 
+using VEQ::Test::Exists;
 using namespace std::chrono_literals;
 using Tavrin::Veq::ClientBroker::ClientConnection;
 using Tavrin::Veq::ClientBroker::Message;
 using Tavrin::Veq::ClientBroker::Result;
-
-bool Exists(const std::string& path)
-{
-    struct stat status {};
-    return ::lstat(path.c_str(), &status) == 0;
-}
 
 // A live process whose pid a test can claim in a handshake, ended on demand.
 class Sleeper {

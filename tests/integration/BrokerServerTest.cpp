@@ -6,6 +6,7 @@
 #include "platform/transport/ZmqServerEndpoint.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/FileStatus.h"
 #include "tests/support/TempRoot.h"
 #include "tests/support/TestBroker.h"
 
@@ -19,6 +20,7 @@
 namespace VEQ {
 namespace {
 
+using VEQ::Test::Exists;
 using namespace std::chrono_literals;
 using Tavrin::Veq::ClientBroker::ClientConnection;
 using Tavrin::Veq::ClientBroker::Message;
@@ -35,12 +37,6 @@ Message Request(const std::string& guid, const std::string& command, const std::
     message.notification.payload = R"({"n":1})";
     message.notification.targetId = targetId;
     return message;
-}
-
-bool Exists(const std::string& path)
-{
-    struct stat status {};
-    return ::lstat(path.c_str(), &status) == 0;
 }
 
 class BrokerServerTest : public ::testing::Test {

@@ -7,6 +7,7 @@
 #include "tests/support/ChildProcess.h"
 #include "tests/support/DaemonProcess.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/FileStatus.h"
 
 #include <gtest/gtest.h>
 
@@ -18,6 +19,7 @@
 namespace VEQ {
 namespace {
 
+using VEQ::Test::Exists;
 using namespace std::chrono_literals;
 using Veq::Sdk::AppClient;
 using Veq::Sdk::AppClientOptions;
@@ -30,12 +32,6 @@ std::string Policy(const std::string& enablement, const std::string& sides, cons
     return R"({"app_settings":[{"application_id":"Tavrin.veq","settings":{"extension_apps":{"enablement":")" +
            enablement + R"(","ipcMethods_afunix":")" + sides + R"("}}}],"mqtt":{"mqttFeatures":")" + mqttFeatures +
            R"(","mqttConnectType":"0"}})";
-}
-
-bool Exists(const std::string& path)
-{
-    struct stat status {};
-    return ::lstat(path.c_str(), &status) == 0;
 }
 
 class VeqdServiceTest : public ::testing::Test {

@@ -5,6 +5,7 @@
 #include "platform/transport/WireCodec.h"
 #include "platform/transport/ZmqServerEndpoint.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/FileStatus.h"
 #include "tests/support/TempRoot.h"
 
 #include <gtest/gtest.h>
@@ -24,6 +25,7 @@
 namespace Tavrin::Veq::ClientBroker {
 namespace {
 
+using VEQ::Test::ModeOf;
 using namespace std::chrono_literals;
 
 Message Request(const std::string& guid, const std::string& command, const std::string& payload = "{}")
@@ -301,17 +303,6 @@ TEST_F(ZmqServerEndpointTest, AResultAfterARestartOnTheSamePathReachesTheWaiting
     auto result = reply.get();
     ASSERT_TRUE(result) << "the answer after the restart never arrived";
     EXPECT_EQ(result->message.statusCode, 17001);
-}
-
-mode_t ModeOf(const std::string& path, bool& isSocket)
-{
-    struct stat status {};
-    if (::lstat(path.c_str(), &status) != 0) {
-        isSocket = false;
-        return 0;
-    }
-    isSocket = S_ISSOCK(status.st_mode);
-    return status.st_mode & 0777;
 }
 
 // An endpoint that goes leaves a refusing placeholder with the side's mode, so that a client never

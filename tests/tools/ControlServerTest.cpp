@@ -6,6 +6,7 @@
 #include "platform/bus/VEQPublisherSubscriber.h"
 #include "platform/transport/ClientConnection.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/FileStatus.h"
 #include "tests/support/TempRoot.h"
 
 #include <gtest/gtest.h>
@@ -16,6 +17,8 @@
 namespace VEQ {
 namespace {
 
+using VEQ::Test::Exists;
+using VEQ::Test::ModeOf;
 using namespace std::chrono_literals;
 using Tavrin::Veq::ClientBroker::ClientConnection;
 using Tavrin::Veq::ClientBroker::Message;
@@ -52,23 +55,6 @@ ChildOutcome Veqctl(std::vector<std::string> arguments, bool asNobody = false)
 {
     arguments.insert(arguments.begin(), VEQCTL_PROGRAM);
     return asNobody ? ChildProcess::RunAsNobody(arguments) : ChildProcess::Run(arguments);
-}
-
-mode_t ModeOf(const std::string& path, bool& isSocket)
-{
-    struct stat status {};
-    if (::lstat(path.c_str(), &status) != 0) {
-        isSocket = false;
-        return 0;
-    }
-    isSocket = S_ISSOCK(status.st_mode);
-    return status.st_mode & 0777;
-}
-
-bool Exists(const std::string& path)
-{
-    struct stat status {};
-    return ::lstat(path.c_str(), &status) == 0;
 }
 
 class ControlServerTest : public ::testing::Test {
