@@ -57,7 +57,8 @@ bool IsPlain(const Conversion& conversion)
 
 void AppendCodePoint(std::string& out, uint64_t code)
 {
-    AppendWide(out, std::wstring(1, static_cast<wchar_t>(code > 0x10FFFF ? 0xFFFD : code)));
+    const wchar_t character = static_cast<wchar_t>(code > 0x10FFFF ? 0xFFFD : code);
+    AppendWide(out, std::wstring_view(&character, 1));
 }
 
 // Text conversions: precision cuts, width pads with blanks, '-' pads on the right.
@@ -145,7 +146,9 @@ void AppendAsText(std::string& out, const LogArgument& argument, const Conversio
         if (IsPlain(conversion)) {
             AppendWide(out, argument.wide());
         } else {
-            AppendField(out, String::UTF16ToUTF8(std::wstring(argument.wide())), conversion, true);
+            std::string text;
+            AppendWide(text, argument.wide());
+            AppendField(out, text, conversion, true);
         }
         return;
     case LogArgument::Kind::Boolean:

@@ -243,9 +243,8 @@ std::optional<std::string> ClientConnection::ReceiveRaw(std::chrono::millisecond
     return ReceiveOne(*requestSocket_, std::chrono::steady_clock::now() + timeout);
 }
 
-// The last part of the next message of at most two parts on socket, which the caller owns for
-// the while: the request socket under requestMutex_, or the push socket before
-// the listening thread runs.
+// The last part of the next message of at most two parts on socket, which the caller owns for the
+// while: the request socket under requestMutex_, or the push socket before the listening thread runs.
 std::optional<std::string> ClientConnection::ReceiveOne(zmq::socket_t& socket, std::chrono::steady_clock::time_point deadline)
 {
     while (true) {
