@@ -1,5 +1,6 @@
 #include "platform/Platform.h"
 
+#include "platform/crypto/OpenSslCodeTrust.h"
 #include "platform/fs/LinuxFileSystem.h"
 #include "platform/mqtt/INotificationAgent.h"
 #include "platform/policy/ConfigPolicyAgent.h"
@@ -19,6 +20,7 @@ struct Installed {
     bool done = false;
     PlatformPaths paths;
     PlatformServices services;
+    PlatformSettings settings;
 };
 
 Installed& State()
@@ -38,6 +40,12 @@ PlatformPaths Completed(PlatformPaths paths)
     if (paths.logRoot.empty()) {
         paths.logRoot = paths.dataRoot + L"/log";
     }
+    if (paths.systemRoot.empty()) {
+        paths.systemRoot = L"/usr/lib/veq";
+    }
+    if (paths.commonDataRoot.empty()) {
+        paths.commonDataRoot = paths.dataRoot + L"/common";
+    }
     return paths;
 }
 
@@ -55,6 +63,9 @@ void CompleteServices(const PlatformPaths& paths, PlatformServices& services)
     if (!services.configAgent) {
         // The agent is a process-wide singleton; the pointer does not own it.
         services.configAgent = std::shared_ptr<IConfigAgent>(ConfigPolicyAgent::GetInstance(), [](IConfigAgent*) {});
+    }
+    if (!services.codeTrust) {
+        services.codeTrust = std::make_shared<OpenSslCodeTrust>();
     }
 }
 
@@ -74,7 +85,7 @@ Member Read(Member PlatformServices::*member)
 
 }  // namespace
 
-void Platform::Install(const PlatformPaths& paths, PlatformServices services)
+void Platform::Install(const PlatformPaths& paths, PlatformServices services, PlatformSettings settings)
 {
     PlatformPaths completed = Completed(paths);
     CompleteServices(completed, services);
@@ -82,7 +93,21 @@ void Platform::Install(const PlatformPaths& paths, PlatformServices services)
     std::lock_guard<std::mutex> lock(state.mutex);
     state.paths = std::move(completed);
     state.services = std::move(services);
+    state.settings = std::move(settings);
     state.done = true;
+}
+
+PlatformSettings Platform::Settings()
+{
+    Read(&PlatformServices::fileSystem);  // completes the defaults
+    Installed& state = State();
+    std::lock_guard<std::mutex> lock(state.mutex);
+    return state.settings;
+}
+
+std::shared_ptr<ICodeTrust> Platform::CodeTrust()
+{
+    return Read(&PlatformServices::codeTrust);
 }
 
 PlatformPaths Platform::Paths()

@@ -21,12 +21,22 @@ public:
     bool IsSkipSignedContentCheck() const { return skipSignedContentCheck_.load() != 0; }
     void SetSkipSignedContentCheck(bool skip) { skipSignedContentCheck_ = skip ? 1 : 0; }
 
+    // The plugin host's signature, and that of its per-plugin copies, is not checked.
+    bool IsSkipHostSignatureCheck() const { return skipHostSignatureCheck_.load() != 0; }
+    void SetSkipHostSignatureCheck(bool skip) { skipHostSignatureCheck_ = skip ? 1 : 0; }
+
+    // Plugins' signatures are not checked, and repository manifests are taken unverified.
+    bool IsSkipPluginSignatureCheck() const { return skipPluginSignatureCheck_.load() != 0; }
+    void SetSkipPluginSignatureCheck(bool skip) { skipPluginSignatureCheck_ = skip ? 1 : 0; }
+
 private:
     DeveloperSettings() = default;
     ~DeveloperSettings() = default;
 
     std::atomic<uint8_t> isCustomSettingEnabled_{0};
     std::atomic<uint8_t> skipSignedContentCheck_{0};
+    std::atomic<uint8_t> skipHostSignatureCheck_{0};
+    std::atomic<uint8_t> skipPluginSignatureCheck_{0};
 };
 
 }  // namespace VEQ

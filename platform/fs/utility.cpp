@@ -78,6 +78,11 @@ bool utility::InitLog(Log& log, const std::wstring& fileName, int level)
     return log.Init(fileName, level);
 }
 
+uint32_t utility::CheckDotNetFrameworkVersion()
+{
+    return Platform::Settings().hostRuntimeRelease;
+}
+
 bool utility::ApplyFilePermissions(const std::wstring& path, const std::wstring& permissionArgs, bool recursive)
 {
     const bool shared = GrantsLocalUsers(permissionArgs);

@@ -2,6 +2,7 @@
 // Service-wide helpers the module calls by name: where the data lives, opening logs, and who may
 // reach a file.
 
+#include <cstdint>
 #include <string>
 
 namespace VEQ {
@@ -14,6 +15,10 @@ public:
     static bool GetVeqAppDataRootPath(std::wstring& path);
 
     static bool InitLog(Log& log, const std::wstring& fileName, int level);
+
+    // The release number of the runtime plugin hosts need (host setting plugins.hostRuntimeRelease):
+    // the hosts refuse to start below 528040, and ARM64 plugins need 533320.
+    static uint32_t CheckDotNetFrameworkVersion();
 
     // Access rules given as the Windows icacls-style arguments the callers carry, e.g.
     // "/inheritance:r /q /c /t /grant *S-1-5-32-545:(OI)(CI)F *S-1-5-32-544:(OI)(CI)F *S-1-5-18:(OI)(CI)F".

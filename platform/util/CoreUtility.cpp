@@ -1,5 +1,8 @@
 #include "platform/util/CoreUtility.h"
 
+#include "platform/Platform.h"
+#include "platform/crypto/ICodeTrust.h"
+#include "platform/log/Log.h"
 #include "platform/string/String.h"
 
 #include <algorithm>
@@ -81,6 +84,16 @@ bool CoreUtility::GetDeviceIdentity(DeviceIdentity& identity)
     }
     identity.deviceId.clear();
     return false;
+}
+
+bool CoreUtility::decodeSignedContent(const std::string& encoded, std::string& decoded, IConfigAgent* /*agent*/,
+                                      bool strict)
+{
+    const SignatureCheckResult result = Platform::CodeTrust()->DecodeSignedContent(encoded, decoded, strict);
+    if (!result.isValid) {
+        g_log.e(L"%s: %s", L"VEQ::CoreUtility::decodeSignedContent", result.message);
+    }
+    return result.isValid;
 }
 
 }  // namespace VEQ

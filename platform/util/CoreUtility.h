@@ -7,6 +7,8 @@
 
 namespace VEQ {
 
+class IConfigAgent;
+
 // The device as the management back end knows it.
 struct DeviceIdentity {
     // The machine id as "XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX" (upper-case hex): stable across
@@ -30,6 +32,13 @@ public:
     // Where the machine id is looked for, in order: /etc/machine-id, then D-Bus's copy for
     // systems without systemd. Replaceable for tests and for systems that keep it elsewhere.
     static std::vector<std::wstring> DefaultMachineIdFiles();
+
+    // Opens a signed envelope (docs/signing.md) and gives its content in decoded. strict: only
+    // an envelope whose signer chains to the trust anchors is opened; otherwise the content is
+    // taken unverified, and a plain document is taken as it is. The agent is not consulted: the
+    // trust anchors are the host's. False, with the reason logged, when nothing is given.
+    virtual bool decodeSignedContent(const std::string& encoded, std::string& decoded, IConfigAgent* agent,
+                                     bool strict);
     void SetMachineIdFiles(std::vector<std::wstring> files);
 
 protected:
