@@ -11,7 +11,7 @@
 
 namespace VEQ::Test {
 
-TempRoot::TempRoot(PlatformServices services)
+TempRoot::TempRoot(PlatformServices services, PlatformSettings settings)
 {
     std::string pattern = "/tmp/veq-test-XXXXXX";
     if (mkdtemp(pattern.data()) == nullptr) {
@@ -20,9 +20,15 @@ TempRoot::TempRoot(PlatformServices services)
     chmod(pattern.c_str(), 0755);  // other users' test processes reach shared folders below it
     pathUtf8_ = pattern;
     path_ = String::UTF8ToUTF16(pathUtf8_);
+    Reinstall(std::move(services), std::move(settings));
+}
+
+void TempRoot::Reinstall(PlatformServices services, PlatformSettings settings)
+{
     PlatformPaths paths;
     paths.dataRoot = path_;
-    Platform::Install(paths, std::move(services));
+    paths.systemRoot = SystemRoot();
+    Platform::Install(paths, std::move(services), std::move(settings));
 }
 
 TempRoot::~TempRoot()
