@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <limits>
 #include <memory>
 #include <sstream>
 
@@ -39,6 +40,19 @@ bool ReadString(const Json::Value& object, const char* name, std::string& out, s
         return false;
     }
     out = value.asString();
+    return true;
+}
+
+// Paths in the host configuration must not depend on where the service was started.
+bool ReadAbsolutePath(const Json::Value& object, const char* name, std::string& out, std::string& error)
+{
+    if (!ReadString(object, name, out, error)) {
+        return false;
+    }
+    if (!out.empty() && out.front() != '/') {
+        error = std::string("\"") + name + "\" must be an absolute path";
+        return false;
+    }
     return true;
 }
 
@@ -108,12 +122,26 @@ std::optional<HostConfig> HostConfig::Parse(const std::string& text, std::string
     }
     HostConfig config;
     Json::Value developer;
+    Json::Value paths;
+    Json::Value trust;
+    Json::Value plugins;
     Json::Value endpoints;
     Json::Value mqtt;
     Json::Value tls;
     std::string realm;
+    int32_t runtimeRelease = static_cast<int32_t>(config.hostRuntimeRelease);
     const bool valid =
         ReadSection(root, "developer", developer, error) && ReadSection(root, "endpoints", endpoints, error) &&
+        ReadSection(root, "paths", paths, error) && ReadSection(root, "trust", trust, error) &&
+        ReadSection(root, "plugins", plugins, error) &&
+        ReadBool(developer, "skipHostSignatureCheck", config.skipHostSignatureCheck, error) &&
+        ReadBool(developer, "skipPluginSignatureCheck", config.skipPluginSignatureCheck, error) &&
+        ReadBool(developer, "disableSecurity", config.disableSecurity, error) &&
+        ReadAbsolutePath(paths, "systemRoot", config.systemRoot, error) &&
+        ReadAbsolutePath(paths, "commonDataRoot", config.commonDataRoot, error) &&
+        ReadAbsolutePath(trust, "caFile", config.trustCaFile, error) &&
+        ReadInt(plugins, "hostRuntimeRelease", runtimeRelease, 0, std::numeric_limits<int32_t>::max(), error) &&
+        ReadInt(plugins, "processorArchitecture", config.processorArchitecture, 0, 65535, error) &&
         ReadSection(root, "mqtt", mqtt, error) && ReadSection(mqtt, "tls", tls, error) &&
         ReadBool(developer, "customSettingsEnabled", config.customSettingsEnabled, error) &&
         ReadBool(developer, "skipSignedContentCheck", config.skipSignedContentCheck, error) &&
@@ -130,6 +158,7 @@ std::optional<HostConfig> HostConfig::Parse(const std::string& text, std::string
         return std::nullopt;
     }
     config.realm = String::UTF8ToUTF16(realm);
+    config.hostRuntimeRelease = static_cast<uint32_t>(runtimeRelease);
     return config;
 }
 

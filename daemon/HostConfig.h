@@ -11,7 +11,16 @@ namespace VEQ {
 struct HostConfig {
     bool customSettingsEnabled = false;
     bool skipSignedContentCheck = false;
+    bool skipHostSignatureCheck = false;
+    bool skipPluginSignatureCheck = false;
+    bool disableSecurity = false;
     std::wstring realm;
+
+    std::string systemRoot;      // paths.systemRoot; empty: the platform's default
+    std::string commonDataRoot;  // paths.commonDataRoot; empty: <root>/common
+    std::string trustCaFile;     // trust.caFile
+    uint32_t hostRuntimeRelease = 533320;  // plugins.hostRuntimeRelease
+    int32_t processorArchitecture = -1;    // plugins.processorArchitecture; -1: from uname
 
     struct Mqtt {
         std::string host;  // empty: the service runs without MQTT

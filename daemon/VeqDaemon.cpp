@@ -5,6 +5,7 @@
 #include "module/ExtensionModule.h"
 #include "platform/Platform.h"
 #include "platform/device/DeveloperSettings.h"
+#include "platform/device/XMLConfigAgent.h"
 #include "platform/fs/FileSystem.h"
 #include "platform/fs/utility.h"
 #include "platform/http/EpUrlProvider.h"
@@ -72,8 +73,24 @@ bool VeqDaemon::PrepareRoot(std::string& error)
 
 void VeqDaemon::ApplyHostConfig(const HostConfig& config)
 {
-    DeveloperSettings::GetInstance()->SetCustomSettingEnabled(config.customSettingsEnabled);
-    DeveloperSettings::GetInstance()->SetSkipSignedContentCheck(config.skipSignedContentCheck);
+    DeveloperSettings* developer = DeveloperSettings::GetInstance();
+    developer->SetCustomSettingEnabled(config.customSettingsEnabled);
+    developer->SetSkipSignedContentCheck(config.skipSignedContentCheck);
+    developer->SetSkipHostSignatureCheck(config.skipHostSignatureCheck);
+    developer->SetSkipPluginSignatureCheck(config.skipPluginSignatureCheck);
+    XMLConfigAgent::GetInstance(0).SetDisableSecurity(config.disableSecurity);
+    // Each of these lets unsigned code or content in; nobody should run so without knowing.
+    const std::pair<bool, const wchar_t*> switches[] = {
+        {config.skipSignedContentCheck, L"skipSignedContentCheck"},
+        {config.skipHostSignatureCheck, L"skipHostSignatureCheck"},
+        {config.skipPluginSignatureCheck, L"skipPluginSignatureCheck"},
+        {config.disableSecurity, L"disableSecurity"},
+    };
+    for (const auto& [on, name] : switches) {
+        if (on) {
+            g_log.w(L"%s: developer.%s is on: signatures are not fully checked", kClass, name);
+        }
+    }
     if (!config.realm.empty()) {
         EpUrlProvider::GetInstance()->SetRealm(config.realm);
     }
@@ -100,7 +117,15 @@ bool VeqDaemon::Start(std::string& error)
         mqtt_ = std::make_shared<MosquittoNotificationAgent>(MqttSettingsOf(config->mqtt));
         services.notificationAgent = mqtt_;
     }
-    Platform::Install({String::UTF8ToUTF16(root_)}, services);
+    PlatformPaths paths;
+    paths.dataRoot = String::UTF8ToUTF16(root_);
+    paths.systemRoot = String::UTF8ToUTF16(config->systemRoot);
+    paths.commonDataRoot = String::UTF8ToUTF16(config->commonDataRoot);
+    PlatformSettings settings;
+    settings.trustCaFile = String::UTF8ToUTF16(config->trustCaFile);
+    settings.hostRuntimeRelease = config->hostRuntimeRelease;
+    settings.processorArchitecture = config->processorArchitecture;
+    Platform::Install(paths, services, settings);
     ApplyHostConfig(*config);
     StartPolicy();
     // After the policy, which decides whether the agent connects at once.

@@ -9,6 +9,7 @@
 #include "platform/string/String.h"
 
 #include <cstdlib>
+#include <filesystem>
 #include <mutex>
 #include <unistd.h>
 
@@ -41,7 +42,7 @@ PlatformPaths Completed(PlatformPaths paths)
         paths.logRoot = paths.dataRoot + L"/log";
     }
     if (paths.systemRoot.empty()) {
-        paths.systemRoot = L"/usr/lib/veq";
+        paths.systemRoot = Platform::DefaultSystemRoot();
     }
     if (paths.commonDataRoot.empty()) {
         paths.commonDataRoot = paths.dataRoot + L"/common";
@@ -146,6 +147,19 @@ std::shared_ptr<INotificationAgent> Platform::NotificationAgent()
 EndpointFactoryFunction Platform::EndpointFactory()
 {
     return Read(&PlatformServices::endpointFactory);
+}
+
+std::wstring Platform::DefaultSystemRoot()
+{
+    // A program of the build tree runs with the product files staged there (scripts/run, tests),
+    // an installed one with those of the package.
+    std::error_code error;
+    const std::string self = std::filesystem::read_symlink("/proc/self/exe", error).string();
+    const std::string buildTree = VEQ_BUILD_TREE "/";
+    if (!error && self.compare(0, buildTree.size(), buildTree) == 0) {
+        return String::UTF8ToUTF16(buildTree + "stage/lib/veq");
+    }
+    return L"/usr/lib/veq";
 }
 
 std::wstring Platform::DefaultDataRoot()

@@ -24,7 +24,7 @@ class IRegistryStore;
 // Where the service keeps its state. Empty members take their defaults at Install:
 // dataRoot: /var/lib/veq for root, else $XDG_STATE_HOME/veq (~/.local/state/veq);
 // registryRoot: dataRoot + "/registry"; logRoot: dataRoot + "/log";
-// systemRoot: the read-only product files (hosts, embedded plugins, resources), /usr/lib/veq;
+// systemRoot: the read-only product files (hosts, embedded plugins, resources), DefaultSystemRoot();
 // commonDataRoot: data shared by all users (plugin repository, host copies), dataRoot + "/common".
 // The module builds its paths below the last two as Windows does; PathMapper puts them here.
 struct PlatformPaths {
@@ -77,6 +77,8 @@ public:
     static std::shared_ptr<ICodeTrust> CodeTrust();
 
     static std::wstring DefaultDataRoot();
+    // /usr/lib/veq, or the build tree's staging folder for programs run from the build tree.
+    static std::wstring DefaultSystemRoot();
 };
 
 }  // namespace VEQ
