@@ -106,24 +106,29 @@ bool AppExtensionManager::IsElevatedSideEnabled()
     return elevatedSideEnabled;
 }
 
+std::optional<ExtensionAppSettings> AppExtensionManager::GetExtensionAppSettings()
+{
+    DeviceConfigPolicy policy;
+    if (auto agent = AgentFactory::GetInstance()->GetConfigPolicyAgent()) {
+        agent->GetDeviceConfigPolicy(policy);
+    }
+    for (const auto& entry : policy.app_settings()) {
+        if (entry.application_id() == kApplicationId) {
+            const ExtensionAppSettings* apps = entry.settings().extension_apps();
+            return apps != nullptr ? std::optional<ExtensionAppSettings>(*apps) : std::nullopt;
+        }
+    }
+    return std::nullopt;
+}
+
 void AppExtensionManager::GetAppExtensionFieldsFromConfigPolicy(AppExtensionsEnablementState& newEnablement,
                                                                 ElevationType& newElevation)
 {
     const wchar_t* function = L"VEQ::AppExtensionManager::GetAppExtensionFieldsFromConfigPolicy";
     newEnablement = AppExtensionsEnablementState::disabled;
     newElevation = ElevationType::None;
-    DeviceConfigPolicy policy;
-    if (auto agent = AgentFactory::GetInstance()->GetConfigPolicyAgent()) {
-        agent->GetDeviceConfigPolicy(policy);
-    }
-    const ExtensionAppSettings* apps = nullptr;
-    for (const auto& entry : policy.app_settings()) {
-        if (entry.application_id() == kApplicationId) {
-            apps = entry.settings().extension_apps();
-            break;
-        }
-    }
-    if (apps == nullptr) {
+    const std::optional<ExtensionAppSettings> apps = GetExtensionAppSettings();
+    if (!apps) {
         log.d(L"%s Unable to find extension apps fields in config policy.", function);
         return;
     }

@@ -4,8 +4,10 @@
 #include "module/ElevationType.h"
 #include "module/Extensions.h"
 #include "platform/log/Log.h"
+#include "platform/policy/ExtensionAppSettings.h"
 
 #include <mutex>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -44,6 +46,10 @@ public:
 
     bool IsUserSideEnabled();
     bool IsElevatedSideEnabled();
+
+    // The extension settings of the policy in force (its entry for kApplicationId); nullopt when
+    // the policy has none. The plugin side reads its fields from the same record.
+    static std::optional<ExtensionAppSettings> GetExtensionAppSettings();
 
 protected:
     virtual bool ApplyAppExtensionsSupport(AppExtensionsEnablementState enablement, ElevationType elevation);
