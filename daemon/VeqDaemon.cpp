@@ -13,6 +13,7 @@
 #include "platform/mqtt/MosquittoNotificationAgent.h"
 #include "platform/policy/ConfigPolicyAgent.h"
 #include "platform/policy/PolicyFileWatcher.h"
+#include "platform/process/ChildProcesses.h"
 #include "platform/string/String.h"
 #include "platform/sync/TaskPool.h"
 #include "platform/util/ThreadGarbageCollector.h"
@@ -196,6 +197,7 @@ void VeqDaemon::Stop()
     // Handlers that outlived their wait, and endpoints being stopped, end before the process does.
     TaskPool::Shared().Drain();
     ThreadGarbageCollector::GetInstance()->Shutdown();
+    ChildProcesses::Instance().Shutdown();
     g_log.i(L"%s: stopped", kClass);
 }
 

@@ -6,6 +6,8 @@
 #include "platform/policy/ConfigPolicyAgent.h"
 #include "platform/process/LinuxProcessApi.h"
 #include "platform/registry/SqliteRegistryStore.h"
+#include "platform/session/LogindSessionSource.h"
+#include "platform/session/SessionFileSource.h"
 #include "platform/string/String.h"
 
 #include <cstdlib>
@@ -50,7 +52,7 @@ PlatformPaths Completed(PlatformPaths paths)
     return paths;
 }
 
-void CompleteServices(const PlatformPaths& paths, PlatformServices& services)
+void CompleteServices(const PlatformPaths& paths, const PlatformSettings& settings, PlatformServices& services)
 {
     if (!services.fileSystem) {
         services.fileSystem = std::make_shared<LinuxFileSystem>();
@@ -68,6 +70,13 @@ void CompleteServices(const PlatformPaths& paths, PlatformServices& services)
     if (!services.codeTrust) {
         services.codeTrust = std::make_shared<OpenSslCodeTrust>();
     }
+    if (!services.sessionSource) {
+        if (settings.sessionSource == "file") {
+            services.sessionSource = std::make_shared<SessionFileSource>(settings.sessionFile);
+        } else {
+            services.sessionSource = std::make_shared<LogindSessionSource>();
+        }
+    }
 }
 
 // A copy of one installed member, installing the defaults first if nobody has.
@@ -78,7 +87,7 @@ Member Read(Member PlatformServices::*member)
     std::lock_guard<std::mutex> lock(state.mutex);
     if (!state.done) {
         state.paths = Completed({});
-        CompleteServices(state.paths, state.services);
+        CompleteServices(state.paths, state.settings, state.services);
         state.done = true;
     }
     return state.services.*member;
@@ -89,7 +98,7 @@ Member Read(Member PlatformServices::*member)
 void Platform::Install(const PlatformPaths& paths, PlatformServices services, PlatformSettings settings)
 {
     PlatformPaths completed = Completed(paths);
-    CompleteServices(completed, services);
+    CompleteServices(completed, settings, services);
     Installed& state = State();
     std::lock_guard<std::mutex> lock(state.mutex);
     state.paths = std::move(completed);
@@ -109,6 +118,11 @@ PlatformSettings Platform::Settings()
 std::shared_ptr<ICodeTrust> Platform::CodeTrust()
 {
     return Read(&PlatformServices::codeTrust);
+}
+
+std::shared_ptr<ISessionSource> Platform::Sessions()
+{
+    return Read(&PlatformServices::sessionSource);
 }
 
 PlatformPaths Platform::Paths()

@@ -20,6 +20,7 @@ class IFileSystem;
 class INotificationAgent;
 class IProcessApi;
 class IRegistryStore;
+class ISessionSource;
 
 // Where the service keeps its state. Empty members take their defaults at Install:
 // dataRoot: /var/lib/veq for root, else $XDG_STATE_HOME/veq (~/.local/state/veq);
@@ -44,6 +45,9 @@ struct PlatformSettings {
     uint32_t hostRuntimeRelease = 533320;
     // Processor architecture as the service reports it (9 x64, 12 ARM64); -1: from uname.
     int32_t processorArchitecture = -1;
+    // Where the active user session is learnt: "logind", or "file" (sessionFile, see SessionFileSource).
+    std::string sessionSource = "logind";
+    std::string sessionFile;
 };
 
 using EndpointFactoryFunction = std::function<Tavrin::Veq::ClientBroker::INotificationBase*(const std::string& role)>;
@@ -59,6 +63,8 @@ struct PlatformServices {
     std::shared_ptr<INotificationAgent> notificationAgent;
     // Code signatures and signed content; null: OpenSSL against PlatformSettings::trustCaFile.
     std::shared_ptr<ICodeTrust> codeTrust;
+    // The active user session; null: as PlatformSettings::sessionSource says.
+    std::shared_ptr<ISessionSource> sessionSource;
     // Makes the transport endpoints (by role); empty: the ZeroMQ endpoint.
     EndpointFactoryFunction endpointFactory;
 };
@@ -75,6 +81,7 @@ public:
     static std::shared_ptr<INotificationAgent> NotificationAgent();
     static EndpointFactoryFunction EndpointFactory();
     static std::shared_ptr<ICodeTrust> CodeTrust();
+    static std::shared_ptr<ISessionSource> Sessions();
 
     static std::wstring DefaultDataRoot();
     // /usr/lib/veq, or the build tree's staging folder for programs run from the build tree.

@@ -1,5 +1,7 @@
 #include "platform/process/LinuxProcessApi.h"
 
+#include "platform/process/ChildProcesses.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -63,6 +65,14 @@ ProcessHandle LinuxProcessApi::OpenProcess(uint32_t pid)
 {
     if (pid == 0 || pid > static_cast<uint32_t>(INT_MAX)) {
         return nullptr;
+    }
+    // A child of ours is reached through the pidfd held since its start, even once reaped.
+    std::optional<uint32_t> childExit;
+    const int childFd = ChildProcesses::Instance().Duplicate(pid, childExit);
+    if (childFd >= 0) {
+        auto* handle = new PidfdHandle(childFd, pid);
+        handle->exitCode = childExit;
+        return handle;
     }
     const long fd = syscall(SYS_pidfd_open, static_cast<pid_t>(pid), 0);
     if (fd < 0) {
@@ -140,6 +150,8 @@ bool LinuxProcessApi::GetExitCodeProcess(ProcessHandle handle, uint32_t& code)
             }
         } else if (own->terminateCode) {
             own->exitCode = own->terminateCode;
+        } else if (const auto reaped = ChildProcesses::Instance().ExitCode(own->pid)) {
+            own->exitCode = reaped;  // our child, reaped since the handle was opened
         } else {
             return false;
         }
