@@ -1,16 +1,202 @@
 #include "platform/crypto/OpenSslCodeTrust.h"
 
-namespace VEQ {
+#include "platform/Platform.h"
+#include "platform/crypto/OpenSslObjects.h"
+#include "platform/crypto/SignatureTrailer.h"
+#include "platform/string/String.h"
 
-SignatureCheckResult OpenSslCodeTrust::VerifyFile(const std::string& /*path*/)
+#include <openssl/pem.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace VEQ {
+namespace {
+
+SignatureCheckResult Failed(int status, std::string message)
 {
-    return {SignatureCheckResult::kNotSigned, "not implemented yet", false};
+    return {status, std::move(message), false};
 }
 
-SignatureCheckResult OpenSslCodeTrust::DecodeSignedContent(const std::string& /*encoded*/, std::string& /*decoded*/,
-                                                           bool /*strict*/)
+SignatureCheckResult Valid()
 {
-    return {SignatureCheckResult::kNotSigned, "not implemented yet", false};
+    return {SignatureCheckResult::kValid, "valid", true};
+}
+
+// Reads exactly length bytes at offset; false when the file ended first or a read failed.
+bool ReadAt(int fd, uint64_t offset, uint64_t length, std::string& out)
+{
+    out.resize(length);
+    uint64_t done = 0;
+    while (done < length) {
+        const ssize_t got = pread(fd, out.data() + done, length - done, static_cast<off_t>(offset + done));
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got <= 0) {
+            return false;
+        }
+        done += static_cast<uint64_t>(got);
+    }
+    return true;
+}
+
+class FileDescriptor {
+public:
+    explicit FileDescriptor(int fd) : fd_(fd) {}
+    ~FileDescriptor()
+    {
+        if (fd_ >= 0) {
+            close(fd_);
+        }
+    }
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
+    int get() const { return fd_; }
+
+private:
+    int fd_;
+};
+
+// Verifies the signature's chain to the anchors; the certificate purpose is not narrowed to
+// e-mail, as CMS would by default, so code-signing certificates pass.
+bool LoadStore(const std::string& caFile, OpenSsl::Store& store, std::string& reason)
+{
+    if (caFile.empty()) {
+        reason = "no trust anchors are configured (trust.caFile)";
+        return false;
+    }
+    store.reset(X509_STORE_new());
+    if (!store || X509_STORE_load_file(store.get(), caFile.c_str()) != 1) {
+        reason = "cannot read the trust anchors " + caFile + ": " + OpenSsl::TakeError("unreadable");
+        return false;
+    }
+    X509_STORE_set_purpose(store.get(), X509_PURPOSE_ANY);
+    return true;
+}
+
+// What a failed CMS_verify means: the signer is not trusted, or the signed bytes differ.
+SignatureCheckResult VerificationFailure()
+{
+    const unsigned long code = ERR_peek_error();
+    const std::string text = OpenSsl::TakeError("verification failed");
+    if (ERR_GET_LIB(code) == ERR_LIB_CMS &&
+        (ERR_GET_REASON(code) == CMS_R_CERTIFICATE_VERIFY_ERROR || ERR_GET_REASON(code) == CMS_R_SIGNER_CERTIFICATE_NOT_FOUND)) {
+        return Failed(SignatureCheckResult::kUntrusted, "the signer is not trusted: " + text);
+    }
+    return Failed(SignatureCheckResult::kContentMismatch, "the signature does not match the content: " + text);
+}
+
+}  // namespace
+
+OpenSslCodeTrust::OpenSslCodeTrust(std::optional<std::string> caFile) : caFile_(std::move(caFile)) {}
+
+std::string OpenSslCodeTrust::CaFile() const
+{
+    return caFile_ ? *caFile_ : String::UTF16ToUTF8(Platform::Settings().trustCaFile);
+}
+
+SignatureCheckResult OpenSslCodeTrust::VerifyFile(const std::string& path)
+{
+    ERR_clear_error();
+    const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    struct stat status {};
+    if (file.get() < 0 || fstat(file.get(), &status) != 0) {
+        return Failed(SignatureCheckResult::kUnreadable, path + ": " + std::strerror(errno));
+    }
+    if (!S_ISREG(status.st_mode)) {
+        return Failed(SignatureCheckResult::kUnreadable, path + " is not a regular file");
+    }
+    const uint64_t size = static_cast<uint64_t>(status.st_size);
+    std::string tail;
+    if (size >= SignatureTrailer::kSize && !ReadAt(file.get(), size - SignatureTrailer::kSize, SignatureTrailer::kSize, tail)) {
+        return Failed(SignatureCheckResult::kUnreadable, path + ": the file changed while it was read");
+    }
+    uint64_t contentLength = 0;
+    uint64_t signatureLength = 0;
+    std::string reason;
+    switch (SignatureTrailer::Read(size, tail, contentLength, signatureLength, reason)) {
+    case SignatureTrailer::Parse::NotSigned:
+        return Failed(SignatureCheckResult::kNotSigned, path + ": " + reason);
+    case SignatureTrailer::Parse::Malformed:
+        return Failed(SignatureCheckResult::kMalformed, path + ": " + reason);
+    case SignatureTrailer::Parse::Valid:
+        break;
+    }
+    if (contentLength > kMaxSignedFileBytes) {
+        return Failed(SignatureCheckResult::kMalformed, path + " is too large to be checked");
+    }
+    std::string signature;
+    std::string content;
+    if (!ReadAt(file.get(), contentLength, signatureLength, signature) || !ReadAt(file.get(), 0, contentLength, content)) {
+        return Failed(SignatureCheckResult::kUnreadable, path + ": the file changed while it was read");
+    }
+    OpenSsl::Store store;
+    if (!LoadStore(CaFile(), store, reason)) {
+        return Failed(SignatureCheckResult::kNoTrustAnchors, reason);
+    }
+    const OpenSsl::Bio signatureBio = OpenSsl::MemoryOf(signature.data(), signature.size());
+    const OpenSsl::Cms cms(d2i_CMS_bio(signatureBio.get(), nullptr));
+    if (!cms || OBJ_obj2nid(CMS_get0_type(cms.get())) != NID_pkcs7_signed) {
+        return Failed(SignatureCheckResult::kMalformed, path + ": the signature is no CMS signed data: " +
+                                                            OpenSsl::TakeError("unreadable"));
+    }
+    const OpenSsl::Bio contentBio = OpenSsl::MemoryOf(content.data(), content.size());
+    if (CMS_verify(cms.get(), nullptr, store.get(), contentBio.get(), nullptr, CMS_BINARY) != 1) {
+        SignatureCheckResult failure = VerificationFailure();
+        failure.message = path + ": " + failure.message;
+        return failure;
+    }
+    return Valid();
+}
+
+SignatureCheckResult OpenSslCodeTrust::DecodeSignedContent(const std::string& encoded, std::string& decoded,
+                                                           bool strict)
+{
+    ERR_clear_error();
+    if (encoded.size() > kMaxEnvelopeBytes) {
+        return Failed(SignatureCheckResult::kMalformed, "the signed document is too large");
+    }
+    const OpenSsl::Bio input = OpenSsl::MemoryOf(encoded.data(), encoded.size());
+    OpenSsl::Cms cms;
+    if (encoded.find("-----BEGIN") != std::string::npos) {
+        cms.reset(PEM_read_bio_CMS(input.get(), nullptr, nullptr, nullptr));
+    } else {
+        cms.reset(d2i_CMS_bio(input.get(), nullptr));
+    }
+    ERR_clear_error();
+    if (!cms || OBJ_obj2nid(CMS_get0_type(cms.get())) != NID_pkcs7_signed) {
+        if (!strict) {
+            decoded = encoded;  // a plain document, taken as it is where signatures are not required
+            return Valid();
+        }
+        return Failed(SignatureCheckResult::kNotSigned, "the document is not in a signed envelope");
+    }
+    if (!strict) {
+        ASN1_OCTET_STRING** content = CMS_get0_content(cms.get());
+        if (content == nullptr || *content == nullptr) {
+            return Failed(SignatureCheckResult::kMalformed, "the envelope holds no content");
+        }
+        decoded.assign(reinterpret_cast<const char*>(ASN1_STRING_get0_data(*content)),
+                       static_cast<size_t>(ASN1_STRING_length(*content)));
+        return Valid();
+    }
+    OpenSsl::Store store;
+    std::string reason;
+    if (!LoadStore(CaFile(), store, reason)) {
+        return Failed(SignatureCheckResult::kNoTrustAnchors, reason);
+    }
+    const OpenSsl::Bio output(BIO_new(BIO_s_mem()));
+    if (CMS_verify(cms.get(), nullptr, store.get(), nullptr, output.get(), CMS_BINARY) != 1) {
+        return VerificationFailure();
+    }
+    char* data = nullptr;
+    const long length = BIO_get_mem_data(output.get(), &data);
+    decoded.assign(data != nullptr ? data : "", length > 0 ? static_cast<size_t>(length) : 0);
+    return Valid();
 }
 
 }  // namespace VEQ
