@@ -7,6 +7,7 @@
 #include "platform/device/DeveloperSettings.h"
 #include "platform/device/XMLConfigAgent.h"
 #include "platform/fs/FileSystem.h"
+#include "platform/fs/ProcessDataRoot.h"
 #include "platform/fs/utility.h"
 #include "platform/http/EpUrlProvider.h"
 #include "platform/log/Log.h"
@@ -69,6 +70,8 @@ bool VeqDaemon::PrepareRoot(std::string& error)
     // Apps of every user read the registry and reach the user side's sockets below the root.
     utility::ApplyFilePermissions(root, BrokerFolders::kSharedUserAcl, false);
     policyPath_ = options_.policyPath.empty() ? root_ + "/policy.json" : options_.policyPath;
+    // Plugin hosts started in the service's context log below its root.
+    ProcessDataRoot::ExportForChildren(root_);
     return true;
 }
 

@@ -1,5 +1,7 @@
 #include "platform/process/CurrentProcess.h"
 
+#include <string>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace VEQ {
@@ -12,6 +14,21 @@ uint32_t CurrentProcess::GetCurrentProcessId()
 unsigned long CurrentProcess::GetCurrentThreadId()
 {
     return static_cast<unsigned long>(::gettid());
+}
+
+uint32_t CurrentProcess::GetUserId()
+{
+    return static_cast<uint32_t>(::geteuid());
+}
+
+bool CurrentProcess::GetProcessUserId(uint32_t pid, uint32_t& uid)
+{
+    struct stat status {};
+    if (pid == 0 || ::stat(("/proc/" + std::to_string(pid)).c_str(), &status) != 0) {
+        return false;
+    }
+    uid = static_cast<uint32_t>(status.st_uid);
+    return true;
 }
 
 }  // namespace VEQ

@@ -9,6 +9,9 @@ class CurrentProcess {
 public:
     static uint32_t GetCurrentProcessId();
     static unsigned long GetCurrentThreadId();
+    static uint32_t GetUserId();
+    // The user a process runs as; false when there is no such process.
+    static bool GetProcessUserId(uint32_t pid, uint32_t& uid);
 };
 
 }  // namespace VEQ

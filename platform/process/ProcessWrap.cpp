@@ -1,13 +1,28 @@
 #include "platform/process/ProcessWrap.h"
 
 #include "platform/Platform.h"
+#include "platform/fs/PathMapper.h"
 #include "platform/log/Log.h"
+#include "platform/process/ChildProcesses.h"
 #include "platform/process/ProcessHandles.h"
 #include "platform/process/ProcessLauncher.h"
 #include "platform/session/ISessionSource.h"
 #include "platform/string/String.h"
 
 namespace VEQ {
+namespace {
+
+// The words of the command line, the program's path on disk.
+std::vector<std::string> Words(const std::wstring& commandLine)
+{
+    std::vector<std::string> words = ProcessLauncher::SplitCommandLine(String::UTF16ToUTF8(commandLine));
+    if (!words.empty()) {
+        words.front() = PathMapper::ToNativeUtf8(String::UTF8ToUTF16(words.front()));
+    }
+    return words;
+}
+
+}  // namespace
 
 bool ProcessWrap::LaunchApplication(const std::wstring& commandLine, const std::wstring& workingDirectory,
                                     bool waitForExit, uint32_t waitMs, uint32_t* pid, uint32_t* exitCode)
@@ -17,8 +32,8 @@ bool ProcessWrap::LaunchApplication(const std::wstring& commandLine, const std::
     if (pid != nullptr) {
         *pid = 0;
     }
-    if (!ProcessLauncher::Launch(ProcessLauncher::SplitCommandLine(String::UTF16ToUTF8(commandLine)),
-                                 String::UTF16ToUTF8(workingDirectory), std::nullopt, started, error)) {
+    if (!ProcessLauncher::Launch(Words(commandLine), String::UTF16ToUTF8(workingDirectory), std::nullopt, started,
+                                 error)) {
         g_log.e(L"%s: %s", L"VEQ::ProcessWrap::LaunchApplication", error);
         return false;
     }
@@ -50,8 +65,8 @@ int ProcessWrap::CreateProcessAsUserMode(const std::wstring& commandLine, const 
     }
     uint32_t started = 0;
     std::string error;
-    if (!ProcessLauncher::Launch(ProcessLauncher::SplitCommandLine(String::UTF16ToUTF8(commandLine)),
-                                 String::UTF16ToUTF8(workingDirectory), session.uid, started, error)) {
+    if (!ProcessLauncher::Launch(Words(commandLine), String::UTF16ToUTF8(workingDirectory), session.uid, started,
+                                 error)) {
         g_log.e(L"%s: %s", function, error);
         return 0;
     }
@@ -69,6 +84,11 @@ uint32_t ProcessWrap::GetCurrentSessionId()
         return ISessionSource::kNoSession;
     }
     return session.sessionId;
+}
+
+void ProcessWrap::ForgetProcess(uint32_t pid)
+{
+    ChildProcesses::Instance().Forget(pid);
 }
 
 }  // namespace VEQ

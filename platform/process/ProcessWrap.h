@@ -8,7 +8,8 @@ namespace VEQ {
 
 class ProcessWrap {
 public:
-    // Starts a command line (split at blanks, nothing quoted; the first word an absolute path) in
+    // Starts a command line (split at blanks, nothing quoted; the first word an absolute path, in
+    // the service's spelling or on disk: PathMapper maps it) in
     // the service's own context. workingDirectory empty: "/". With waitForExit the call waits up
     // to waitMs for the program to end and gives its code in exitCode (if not null). pid (if not
     // null) gets the child's id, 0 on failure. False when the program could not be started.
@@ -23,6 +24,10 @@ public:
 
     // The active session's id, or 0xFFFFFFFF when nobody is logged in.
     static uint32_t GetCurrentSessionId();
+
+    // The owner of a program started here no longer asks after it by its id: once it has ended,
+    // its id may name another process. Until then its id stays bound to it (ChildProcesses).
+    static void ForgetProcess(uint32_t pid);
 };
 
 }  // namespace VEQ

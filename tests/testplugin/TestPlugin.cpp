@@ -1,0 +1,83 @@
+// A plugin for the tests, written against the plugin ABI alone. What it does depends on its name:
+//   ...Refuses...  its entry refuses to start;
+//   ...Stubborn... ignores "StopPlugin" (its stop takes two minutes);
+//   anything else  asks the service who it is, and writes what it learnt to
+//                  <its folder>/<side>.report, and "<side>.stopped" there when it stops.
+
+#include "sdk/plugin/veq_plugin.h"
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <thread>
+
+namespace {
+
+struct State {
+    const veq_host_api* host = nullptr;
+    std::string folder;
+    std::string side;
+    bool stubborn = false;
+    std::thread worker;
+};
+
+void Append(const std::string& path, const std::string& line)
+{
+    if (FILE* file = std::fopen(path.c_str(), "a")) {
+        std::fprintf(file, "%s\n", line.c_str());
+        std::fclose(file);
+    }
+}
+
+std::string Ask(const veq_host_api* host, const char* command, const std::string& payload)
+{
+    char* result = nullptr;
+    const int status = host->send(host->host, command, payload.c_str(), nullptr, 10000, &result);
+    std::string text = status == VEQ_OK && result != nullptr ? result : "send failed: " + std::to_string(status);
+    host->free_text(result);
+    return text;
+}
+
+void Work(State* state)
+{
+    const std::string report = state->folder + "/" + state->side + ".report";
+    const std::string id = state->host->plugin_id;
+    Append(report + ".part", Ask(state->host, "Get-PluginHostContext", "{}"));
+    Append(report + ".part", Ask(state->host, "Get-PluginDetails", "{\"id\":\"" + id + "\"}"));
+    Append(report + ".part", Ask(state->host, "Get-DecryptedData", "{}"));
+    std::rename((report + ".part").c_str(), report.c_str());
+    state->host->log(state->host->host, VEQ_LOG_INFO, "test plugin reported");
+}
+
+void OnStop(void* raw)
+{
+    auto* state = static_cast<State*>(raw);
+    if (state->worker.joinable()) {
+        state->worker.join();
+    }
+    if (state->stubborn) {
+        std::this_thread::sleep_for(std::chrono::minutes(2));
+    }
+    Append(state->folder + "/" + state->side + ".stopped", "stopped");
+    delete state;
+}
+
+}  // namespace
+
+extern "C" VEQ_PLUGIN_EXPORT int veq_plugin_start(const veq_host_api* host, veq_plugin_callbacks* callbacks)
+{
+    const std::string name = host->plugin_name;
+    if (name.find("Refuses") != std::string::npos) {
+        return 7;
+    }
+    auto* state = new State();
+    state->host = host;
+    state->folder = host->plugin_directory;
+    state->side = host->side;
+    state->stubborn = name.find("Stubborn") != std::string::npos;
+    state->worker = std::thread(Work, state);
+    callbacks->state = state;
+    callbacks->on_stop = OnStop;
+    return 0;
+}
