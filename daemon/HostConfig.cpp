@@ -125,6 +125,7 @@ std::optional<HostConfig> HostConfig::Parse(const std::string& text, std::string
     Json::Value paths;
     Json::Value trust;
     Json::Value plugins;
+    Json::Value sessions;
     Json::Value endpoints;
     Json::Value mqtt;
     Json::Value tls;
@@ -133,7 +134,9 @@ std::optional<HostConfig> HostConfig::Parse(const std::string& text, std::string
     const bool valid =
         ReadSection(root, "developer", developer, error) && ReadSection(root, "endpoints", endpoints, error) &&
         ReadSection(root, "paths", paths, error) && ReadSection(root, "trust", trust, error) &&
-        ReadSection(root, "plugins", plugins, error) &&
+        ReadSection(root, "plugins", plugins, error) && ReadSection(root, "sessions", sessions, error) &&
+        ReadString(sessions, "source", config.sessionSource, error) &&
+        ReadAbsolutePath(sessions, "file", config.sessionFile, error) &&
         ReadBool(developer, "skipHostSignatureCheck", config.skipHostSignatureCheck, error) &&
         ReadBool(developer, "skipPluginSignatureCheck", config.skipPluginSignatureCheck, error) &&
         ReadBool(developer, "disableSecurity", config.disableSecurity, error) &&
@@ -159,6 +162,14 @@ std::optional<HostConfig> HostConfig::Parse(const std::string& text, std::string
     }
     config.realm = String::UTF8ToUTF16(realm);
     config.hostRuntimeRelease = static_cast<uint32_t>(runtimeRelease);
+    if (config.sessionSource != "logind" && config.sessionSource != "file") {
+        error = "\"source\" must be \"logind\" or \"file\"";
+        return std::nullopt;
+    }
+    if (config.sessionSource == "file" && config.sessionFile.empty()) {
+        error = "\"sessions\" with \"source\": \"file\" needs \"file\"";
+        return std::nullopt;
+    }
     return config;
 }
 

@@ -21,6 +21,8 @@ struct HostConfig {
     std::string trustCaFile;     // trust.caFile
     uint32_t hostRuntimeRelease = 533320;  // plugins.hostRuntimeRelease
     int32_t processorArchitecture = -1;    // plugins.processorArchitecture; -1: from uname
+    std::string sessionSource = "logind";  // sessions.source: "logind" or "file"
+    std::string sessionFile;               // sessions.file
 
     struct Mqtt {
         std::string host;  // empty: the service runs without MQTT

@@ -129,6 +129,8 @@ bool VeqDaemon::Start(std::string& error)
     settings.trustCaFile = String::UTF8ToUTF16(config->trustCaFile);
     settings.hostRuntimeRelease = config->hostRuntimeRelease;
     settings.processorArchitecture = config->processorArchitecture;
+    settings.sessionSource = config->sessionSource;
+    settings.sessionFile = config->sessionFile;
     Platform::Install(paths, services, settings);
     ApplyHostConfig(*config);
     StartPolicy();

@@ -12,7 +12,8 @@ TEST(HostConfigTest, ReadsThePluginAndTrustMembers)
         "developer": {"skipHostSignatureCheck": true, "skipPluginSignatureCheck": true, "disableSecurity": true},
         "paths": {"systemRoot": "/opt/veq", "commonDataRoot": "/srv/veq"},
         "trust": {"caFile": "/etc/veq/ca.pem"},
-        "plugins": {"hostRuntimeRelease": 528039, "processorArchitecture": 12}})",
+        "plugins": {"hostRuntimeRelease": 528039, "processorArchitecture": 12},
+        "sessions": {"source": "file", "file": "/run/veq/session.json"}})",
                                           error);
     ASSERT_TRUE(config) << error;
     EXPECT_TRUE(config->skipHostSignatureCheck);
@@ -23,6 +24,8 @@ TEST(HostConfigTest, ReadsThePluginAndTrustMembers)
     EXPECT_EQ(config->trustCaFile, "/etc/veq/ca.pem");
     EXPECT_EQ(config->hostRuntimeRelease, 528039u);
     EXPECT_EQ(config->processorArchitecture, 12);
+    EXPECT_EQ(config->sessionSource, "file");
+    EXPECT_EQ(config->sessionFile, "/run/veq/session.json");
 }
 
 TEST(HostConfigTest, DefaultsCheckEverySignature)
@@ -45,6 +48,8 @@ TEST(HostConfigTest, RefusesMembersOfTheWrongKindNamingThem)
         {R"({"plugins": {"hostRuntimeRelease": -1}})", "hostRuntimeRelease"},
         {R"({"plugins": {"processorArchitecture": "arm64"}})", "processorArchitecture"},
         {R"({"developer": {"disableSecurity": "yes"}})", "disableSecurity"},
+        {R"({"sessions": {"source": "utmp"}})", "source"},
+        {R"({"sessions": {"source": "file"}})", "file"},
     };
     for (const auto& [text, member] : rows) {
         std::string error;
