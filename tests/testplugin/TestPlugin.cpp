@@ -1,6 +1,7 @@
 // A plugin for the tests, written against the plugin ABI alone. What it does depends on its name:
 //   ...Refuses...  its entry refuses to start;
 //   ...Stubborn... ignores "StopPlugin" (its stop takes two minutes);
+//   ...Bench...    asks one command and renames "<side>.first" into its folder when it is answered;
 //   anything else  asks the service who it is, and writes what it learnt to
 //                  <its folder>/<side>.report, and "<side>.stopped" there when it stops.
 
@@ -41,6 +42,12 @@ std::string Ask(const veq_host_api* host, const char* command, const std::string
 
 void Work(State* state)
 {
+    if (std::string(state->host->plugin_name).find("Bench") != std::string::npos) {
+        const std::string first = state->folder + "/" + state->side + ".first";
+        Append(first + ".part", Ask(state->host, "Get-PluginHostContext", "{}"));
+        std::rename((first + ".part").c_str(), first.c_str());
+        return;
+    }
     const std::string report = state->folder + "/" + state->side + ".report";
     const std::string id = state->host->plugin_id;
     Append(report + ".part", Ask(state->host, "Get-PluginHostContext", "{}"));
