@@ -98,6 +98,32 @@ bool CodeSigner::Load(EVP_PKEY*& key, X509*& certificate, std::string& error) co
     return true;
 }
 
+bool CodeSigner::Sign(const std::string& content, unsigned int flags, bool pem, std::string& output,
+                      std::string& error) const
+{
+    EVP_PKEY* rawKey = nullptr;
+    X509* rawCertificate = nullptr;
+    if (!Load(rawKey, rawCertificate, error)) {
+        return false;
+    }
+    const OpenSsl::Key key(rawKey);
+    const OpenSsl::Certificate certificate(rawCertificate);
+    const OpenSsl::Bio contentBio = OpenSsl::MemoryOf(content.data(), content.size());
+    const OpenSsl::Cms cms(
+        CMS_sign(certificate.get(), key.get(), nullptr, contentBio.get(), flags | CMS_BINARY | CMS_NOSMIMECAP));
+    const OpenSsl::Bio encoded(BIO_new(BIO_s_mem()));
+    const bool written =
+        cms && (pem ? PEM_write_bio_CMS(encoded.get(), cms.get()) : i2d_CMS_bio(encoded.get(), cms.get())) == 1;
+    if (!written) {
+        error = "signing failed: " + OpenSsl::TakeError("unknown error");
+        return false;
+    }
+    char* data = nullptr;
+    const long length = BIO_get_mem_data(encoded.get(), &data);
+    output.assign(data, static_cast<size_t>(length));
+    return true;
+}
+
 bool CodeSigner::SignFile(const std::string& path, std::string& error) const
 {
     std::string bytes;
@@ -105,49 +131,16 @@ bool CodeSigner::SignFile(const std::string& path, std::string& error) const
         return false;
     }
     const std::string content = Unsigned(bytes);
-    EVP_PKEY* rawKey = nullptr;
-    X509* rawCertificate = nullptr;
-    if (!Load(rawKey, rawCertificate, error)) {
+    std::string signature;
+    if (!Sign(content, CMS_DETACHED, false, signature, error)) {
         return false;
     }
-    const OpenSsl::Key key(rawKey);
-    const OpenSsl::Certificate certificate(rawCertificate);
-    const OpenSsl::Bio contentBio = OpenSsl::MemoryOf(content.data(), content.size());
-    const OpenSsl::Cms cms(CMS_sign(certificate.get(), key.get(), nullptr, contentBio.get(),
-                                    CMS_DETACHED | CMS_BINARY | CMS_NOSMIMECAP));
-    const OpenSsl::Bio der(BIO_new(BIO_s_mem()));
-    if (!cms || i2d_CMS_bio(der.get(), cms.get()) != 1) {
-        error = "signing failed: " + OpenSsl::TakeError("unknown error");
-        return false;
-    }
-    char* data = nullptr;
-    const long length = BIO_get_mem_data(der.get(), &data);
-    std::string signedBytes = content;
-    signedBytes.append(data, static_cast<size_t>(length));
-    signedBytes += SignatureTrailer::Make(static_cast<uint64_t>(length));
-    return ReplaceWhole(path, signedBytes, error);
+    return ReplaceWhole(path, content + signature + SignatureTrailer::Make(signature.size()), error);
 }
 
 bool CodeSigner::MakeEnvelope(const std::string& content, std::string& envelope, std::string& error) const
 {
-    EVP_PKEY* rawKey = nullptr;
-    X509* rawCertificate = nullptr;
-    if (!Load(rawKey, rawCertificate, error)) {
-        return false;
-    }
-    const OpenSsl::Key key(rawKey);
-    const OpenSsl::Certificate certificate(rawCertificate);
-    const OpenSsl::Bio contentBio = OpenSsl::MemoryOf(content.data(), content.size());
-    const OpenSsl::Cms cms(CMS_sign(certificate.get(), key.get(), nullptr, contentBio.get(), CMS_BINARY | CMS_NOSMIMECAP));
-    const OpenSsl::Bio pem(BIO_new(BIO_s_mem()));
-    if (!cms || PEM_write_bio_CMS(pem.get(), cms.get()) != 1) {
-        error = "signing failed: " + OpenSsl::TakeError("unknown error");
-        return false;
-    }
-    char* data = nullptr;
-    const long length = BIO_get_mem_data(pem.get(), &data);
-    envelope.assign(data, static_cast<size_t>(length));
-    return true;
+    return Sign(content, 0, true, envelope, error);
 }
 
 bool CodeSigner::StripSignature(const std::string& path, std::string& error)

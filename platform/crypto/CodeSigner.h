@@ -25,6 +25,8 @@ public:
 
 private:
     bool Load(evp_pkey_st*& key, x509_st*& certificate, std::string& error) const;
+    // The CMS signed data of content in DER (flags: CMS_DETACHED or not) or PEM.
+    bool Sign(const std::string& content, unsigned int flags, bool pem, std::string& output, std::string& error) const;
 
     std::string keyFile_;
     std::string certFile_;

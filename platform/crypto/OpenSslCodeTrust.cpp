@@ -3,6 +3,7 @@
 #include "platform/Platform.h"
 #include "platform/crypto/OpenSslObjects.h"
 #include "platform/crypto/SignatureTrailer.h"
+#include "platform/fs/ReadAt.h"
 #include "platform/string/String.h"
 
 #include <openssl/pem.h>
@@ -26,23 +27,6 @@ SignatureCheckResult Valid()
     return {SignatureCheckResult::kValid, "valid", true};
 }
 
-// Reads exactly length bytes at offset; false when the file ended first or a read failed.
-bool ReadAt(int fd, uint64_t offset, uint64_t length, std::string& out)
-{
-    out.resize(length);
-    uint64_t done = 0;
-    while (done < length) {
-        const ssize_t got = pread(fd, out.data() + done, length - done, static_cast<off_t>(offset + done));
-        if (got < 0 && errno == EINTR) {
-            continue;
-        }
-        if (got <= 0) {
-            return false;
-        }
-        done += static_cast<uint64_t>(got);
-    }
-    return true;
-}
 
 class FileDescriptor {
 public:
@@ -112,7 +96,8 @@ SignatureCheckResult OpenSslCodeTrust::VerifyFile(const std::string& path)
     }
     const uint64_t size = static_cast<uint64_t>(status.st_size);
     std::string tail;
-    if (size >= SignatureTrailer::kSize && !ReadAt(file.get(), size - SignatureTrailer::kSize, SignatureTrailer::kSize, tail)) {
+    if (size >= SignatureTrailer::kSize &&
+        !ReadAt::Exactly(file.get(), size - SignatureTrailer::kSize, SignatureTrailer::kSize, tail)) {
         return Failed(SignatureCheckResult::kUnreadable, path + ": the file changed while it was read");
     }
     uint64_t contentLength = 0;
@@ -131,7 +116,8 @@ SignatureCheckResult OpenSslCodeTrust::VerifyFile(const std::string& path)
     }
     std::string signature;
     std::string content;
-    if (!ReadAt(file.get(), contentLength, signatureLength, signature) || !ReadAt(file.get(), 0, contentLength, content)) {
+    if (!ReadAt::Exactly(file.get(), contentLength, signatureLength, signature) ||
+        !ReadAt::Exactly(file.get(), 0, contentLength, content)) {
         return Failed(SignatureCheckResult::kUnreadable, path + ": the file changed while it was read");
     }
     OpenSsl::Store store;

@@ -1,5 +1,7 @@
 #include "platform/elf/ElfSectionReader.h"
 
+#include "platform/fs/ReadAt.h"
+
 #include <gelf.h>
 #include <libelf.h>
 
@@ -41,24 +43,6 @@ bool Fail(std::string& error, std::string text)
     return false;
 }
 
-// Reads exactly size bytes at offset; libelf is not asked for the data, so a section table that
-// lies cannot make it read or map beyond the file.
-bool ReadAt(int fd, uint64_t offset, uint64_t size, std::string& content)
-{
-    content.resize(size);
-    uint64_t done = 0;
-    while (done < size) {
-        const ssize_t got = pread(fd, content.data() + done, size - done, static_cast<off_t>(offset + done));
-        if (got < 0 && errno == EINTR) {
-            continue;
-        }
-        if (got <= 0) {
-            return false;
-        }
-        done += static_cast<uint64_t>(got);
-    }
-    return true;
-}
 
 }  // namespace
 
@@ -105,7 +89,9 @@ bool ElfSectionReader::ReadSection(const std::string& path, const std::string& n
         if (header.sh_offset > fileSize || header.sh_size > fileSize - header.sh_offset) {
             return Fail(error, path + ": section " + name + " reaches past the end of the file");
         }
-        if (!ReadAt(file.fd(), header.sh_offset, header.sh_size, content)) {
+        // Read here, not through libelf, so that a section table that lies cannot make it read
+        // or map beyond the file.
+        if (!ReadAt::Exactly(file.fd(), header.sh_offset, header.sh_size, content)) {
             return Fail(error, path + ": the file changed while it was read");
         }
         return true;
