@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs the build into a fresh prefix and builds the example plugin out of tree against it, as
-# a plugin's author would, signed with a CA made here; then checks the result as the service would.
+# Installs the build into a fresh prefix and builds the example plugin and app out of tree against
+# it, as their authors would; the plugin is signed with a CA made here and checked as the service would.
 # Usage: example_plugin.sh BUILD_DIR SOURCE_DIR
 set -euo pipefail
 build="$1"
@@ -30,4 +30,9 @@ objcopy --dump-section .veq.version=version.txt "$plugin" /dev/null
 [ "$(cat version.txt)" = "1.0.0.0" ] || { echo "version section: $(cat version.txt)"; exit 1; }
 "$work/prefix/bin/veq-sign" --verify --ca ca.pem "$plugin"
 [ -x "$work/prefix/lib/veq/Service/Hosts/x64/VEQPluginHost.exe" ] || [ -x "$work/prefix/lib/veq/Service/Hosts/ARM64/VEQPluginHost.exe" ]
-echo "example plugin built, versioned and signed against the installed SDK"
+
+# An app against veq::sdk.
+cmake -S "$source/examples/hello-app" -B "$work/app" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
+cmake --build "$work/app" >/dev/null
+[ -x "$work/app/hello-app" ] || { echo "no hello-app"; exit 1; }
+echo "example plugin and app built against the installed SDK; the plugin versioned and signed"
