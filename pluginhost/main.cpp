@@ -6,6 +6,7 @@
 #include "platform/fs/ProcessDataRoot.h"
 #include "platform/fs/utility.h"
 #include "platform/log/Log.h"
+#include "platform/process/CurrentProcess.h"
 #include "platform/string/String.h"
 
 #include <csignal>
@@ -39,8 +40,9 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "VEQPluginHost: %s: exit %d, see %s\n", options.pluginName.c_str(), exitCode,
                      log.FilePath().c_str());
     }
-    // The plugin's threads may still run; they end with the process, without static destructors
-    // pulling the ground from under them.
+    // What the plugin started ends with its host. The plugin's threads may still run; they end
+    // with the process, without static destructors pulling the ground from under them.
+    VEQ::CurrentProcess::EndProcessGroup();
     std::fflush(nullptr);
     std::_Exit(exitCode);
 }

@@ -136,7 +136,8 @@ void ChildProcesses::EvictOldEnded()
     while (endedCount > kEndedKept) {
         auto oldest = children_.end();
         for (auto it = children_.begin(); it != children_.end(); ++it) {
-            if (it->second.exitCode && (oldest == children_.end() || it->second.endedOrder < oldest->second.endedOrder)) {
+            const bool older = oldest == children_.end() || it->second.endedOrder < oldest->second.endedOrder;
+            if (it->second.exitCode && older) {
                 oldest = it;
             }
         }
@@ -162,6 +163,14 @@ std::optional<uint32_t> ChildProcesses::ExitCode(uint32_t pid)
     std::lock_guard<std::mutex> lock(mutex_);
     const auto found = children_.find(pid);
     return found != children_.end() ? found->second.exitCode : std::nullopt;
+}
+
+bool ChildProcesses::IsGroupLeader(uint32_t pid)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = children_.find(pid);
+    return found != children_.end() && !found->second.exitCode &&
+           getpgid(static_cast<pid_t>(pid)) == static_cast<pid_t>(pid);
 }
 
 void ChildProcesses::Forget(uint32_t pid)

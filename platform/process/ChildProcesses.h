@@ -23,6 +23,9 @@ public:
     // exitCode is set once the child has ended and been reaped.
     int Duplicate(uint32_t pid, std::optional<uint32_t>& exitCode);
     std::optional<uint32_t> ExitCode(uint32_t pid);
+    // Whether pid is a child of ours that still runs: it leads the session and process group
+    // the launcher gave it.
+    bool IsGroupLeader(uint32_t pid);
     // The child's pid may be given to another process after this: handles opened on it then
     // reach whatever runs under it.
     void Forget(uint32_t pid);

@@ -1,5 +1,6 @@
 #include "platform/process/CurrentProcess.h"
 
+#include <csignal>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -19,6 +20,15 @@ unsigned long CurrentProcess::GetCurrentThreadId()
 uint32_t CurrentProcess::GetUserId()
 {
     return static_cast<uint32_t>(::geteuid());
+}
+
+void CurrentProcess::EndProcessGroup()
+{
+    if (::getpgrp() != ::getpid()) {
+        return;  // not a group of its own: the others in it are not ours to end
+    }
+    std::signal(SIGTERM, SIG_IGN);
+    ::kill(0, SIGTERM);
 }
 
 bool CurrentProcess::GetProcessUserId(uint32_t pid, uint32_t& uid)

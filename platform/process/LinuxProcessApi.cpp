@@ -114,6 +114,11 @@ bool LinuxProcessApi::TerminateProcess(ProcessHandle handle, uint32_t exitCode)
     if (own->exitCode || Poll(own->pidfd, 0) != WaitResult::Timeout) {
         return false;
     }
+    // A program the service started leads a process group of its own (ProcessLauncher); what
+    // it started goes with it. Its group cannot be anyone else's while it still runs.
+    if (ChildProcesses::Instance().IsGroupLeader(own->pid)) {
+        kill(-static_cast<pid_t>(own->pid), SIGKILL);
+    }
     if (syscall(SYS_pidfd_send_signal, own->pidfd, SIGKILL, nullptr, 0) != 0) {
         return false;
     }

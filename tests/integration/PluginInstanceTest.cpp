@@ -193,6 +193,29 @@ TEST_F(PluginInstanceTest, APluginThatRefusesToStartEndsItsHost)
     instance.Suspend(true);
 }
 
+TEST_F(PluginInstanceTest, WhatAPluginStartsEndsWithItsHost)
+{
+    const auto childOf = [&](const std::string& id) {
+        std::ifstream file(PluginFolder(id) + "/elevated.child");
+        int pid = 0;
+        file >> pid;
+        return pid;
+    };
+    const auto gone = [](int pid) { return !Exists("/proc/" + std::to_string(pid)); };
+    for (bool waitForExit : {true, false}) {
+        const std::string id = waitForExit ? "Contoso.Forks" : "Contoso.ForksKilled";
+        // A host killed after its grace takes its group along; one that stops ends its group itself.
+        PluginInstance& instance =
+            Start(InstallPlugin(id, waitForExit ? "ForksPlugin" : "StubbornForksPlugin"), ElevationType::Elevated);
+        ASSERT_TRUE(Eventually([&] { return childOf(id) > 0; }, 20s)) << id;
+        const int child = childOf(id);
+        ASSERT_FALSE(gone(child)) << id;
+        instance.Suspend(waitForExit);
+        EXPECT_TRUE(Eventually([&] { return gone(child); })) << (waitForExit ? "stopped" : "killed") << " host left "
+                                                              << child << " running";
+    }
+}
+
 TEST_F(PluginInstanceTest, AStubbornPluginOutlastsTheWaitAndOnlyKillEndsItSlower)
 {
     const PluginDetails details = InstallPlugin("Contoso.Stubborn", "StubbornPlugin");

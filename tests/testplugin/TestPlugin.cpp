@@ -1,6 +1,7 @@
 // A plugin for the tests, written against the plugin ABI alone. What it does depends on its name:
 //   ...Refuses...  its entry refuses to start;
 //   ...Stubborn... ignores "StopPlugin" (its stop takes two minutes);
+//   ...Forks...    starts a child that sleeps, and writes its pid to <side>.child;
 //   ...Bench...    asks one command and renames "<side>.first" into its folder when it is answered;
 //   anything else  asks the service who it is, and writes what it learnt to
 //                  <its folder>/<side>.report, and "<side>.stopped" there when it stops.
@@ -12,6 +13,7 @@
 #include <cstdlib>
 #include <string>
 #include <thread>
+#include <unistd.h>
 
 namespace {
 
@@ -77,6 +79,14 @@ extern "C" VEQ_PLUGIN_EXPORT int veq_plugin_start(const veq_host_api* host, veq_
     const std::string name = host->plugin_name;
     if (name.find("Refuses") != std::string::npos) {
         return 7;
+    }
+    if (name.find("Forks") != std::string::npos) {
+        const pid_t child = fork();
+        if (child == 0) {
+            execl("/bin/sleep", "sleep", "300", static_cast<char*>(nullptr));
+            _exit(127);
+        }
+        Append(std::string(host->plugin_directory) + "/" + host->side + ".child", std::to_string(child));
     }
     auto* state = new State();
     state->host = host;
