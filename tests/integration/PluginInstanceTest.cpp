@@ -15,7 +15,9 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <filesystem>
+#include <functional>
 #include <fstream>
 #include <sys/stat.h>
 
@@ -191,6 +193,41 @@ TEST_F(PluginInstanceTest, APluginThatRefusesToStartEndsItsHost)
     EXPECT_EQ(code, 6u);
     ProcessHandles::CloseHandle(handle);
     instance.Suspend(true);
+}
+
+TEST_F(PluginInstanceTest, APluginThatCannotRunEndsItsHostWithTheReason)
+{
+    struct Row {
+        const char* id;
+        const char* name;
+        std::function<void(const std::string& library)> spoil;
+        uint32_t exitCode;
+    };
+    const Row rows[] = {
+        {"Missing", "MissingPlugin", [](const std::string& library) { fs::remove(library); }, 5},
+        {"NotElf", "NotElfPlugin", [](const std::string& library) { std::ofstream(library) << "not a library"; }, 5},
+        {"NoEntry", "NoEntryPlugin",
+         [](const std::string& library) {
+             fs::copy_file(fs::canonical(VEQ_TEST_FOREIGN_LIBRARY), library,
+                           fs::copy_options::overwrite_existing);
+         },
+         5},
+        {"Crashes", "CrashesPlugin", [](const std::string&) {}, 128 + SIGABRT},
+    };
+    for (const Row& row : rows) {
+        const PluginDetails details = InstallPlugin(row.id, row.name);
+        row.spoil(PluginFolder(row.id) + "/" + row.name + ".dll");
+        PluginInstance& instance = Start(details, ElevationType::Elevated);
+        const uint32_t pid = PidOf(instance);
+        ASSERT_NE(pid, 0u) << row.id;
+        ASSERT_TRUE(Eventually([&] { return !instance.isPluginRunning(); }, 20s)) << row.id;
+        const ProcessHandle handle = ProcessHandles::OpenProcess(pid);
+        uint32_t code = 0;
+        EXPECT_TRUE(ProcessHandles::GetExitCodeProcess(handle, code)) << row.id;
+        EXPECT_EQ(code, row.exitCode) << row.id;
+        ProcessHandles::CloseHandle(handle);
+        instance.Suspend(true);  // returns at once: there is nothing left to wait for
+    }
 }
 
 TEST_F(PluginInstanceTest, WhatAPluginStartsEndsWithItsHost)

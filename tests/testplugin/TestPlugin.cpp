@@ -1,5 +1,6 @@
 // A plugin for the tests, written against the plugin ABI alone. What it does depends on its name:
 //   ...Refuses...  its entry refuses to start;
+//   ...Crashes...  its entry crashes;
 //   ...Stubborn... ignores "StopPlugin" (its stop takes two minutes);
 //   ...Forks...    starts a child that sleeps, and writes its pid to <side>.child;
 //   ...Bench...    asks one command and renames "<side>.first" into its folder when it is answered;
@@ -79,6 +80,9 @@ extern "C" VEQ_PLUGIN_EXPORT int veq_plugin_start(const veq_host_api* host, veq_
     const std::string name = host->plugin_name;
     if (name.find("Refuses") != std::string::npos) {
         return 7;
+    }
+    if (name.find("Crashes") != std::string::npos) {
+        std::abort();
     }
     if (name.find("Forks") != std::string::npos) {
         const pid_t child = fork();
