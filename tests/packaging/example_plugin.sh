@@ -19,7 +19,7 @@ printf 'basicConstraints=critical,CA:FALSE\nkeyUsage=critical,digitalSignature\n
 openssl x509 -req -in signer.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 1 -extfile signer.ext \
   -out signer.pem 2>/dev/null
 
-cmake -S "$source/examples/hello-plugin" -B "$work/hello" -DCMAKE_PREFIX_PATH="$work/prefix" \
+cmake -G Ninja -S "$source/examples/hello-plugin" -B "$work/hello" -DCMAKE_PREFIX_PATH="$work/prefix" \
   -DVEQ_SIGN_KEY="$work/signer.key" -DVEQ_SIGN_CERT="$work/signer.pem" >/dev/null
 cmake --build "$work/hello" >/dev/null
 
@@ -32,7 +32,7 @@ objcopy --dump-section .veq.version=version.txt "$plugin" /dev/null
 [ -x "$work/prefix/lib/veq/Service/Hosts/x64/VEQPluginHost.exe" ] || [ -x "$work/prefix/lib/veq/Service/Hosts/ARM64/VEQPluginHost.exe" ]
 
 # An app against veq::sdk.
-cmake -S "$source/examples/hello-app" -B "$work/app" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
+cmake -G Ninja -S "$source/examples/hello-app" -B "$work/app" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
 cmake --build "$work/app" >/dev/null
 [ -x "$work/app/hello-app" ] || { echo "no hello-app"; exit 1; }
 echo "example plugin and app built against the installed SDK; the plugin versioned and signed"
