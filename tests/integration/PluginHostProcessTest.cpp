@@ -86,9 +86,11 @@ TEST_F(PluginHostProcessTest, AnExistingCopyIsReusedAndMustStillBeTrusted)
     first.Start();
     ASSERT_NE(first.GetProcessID(), 0);
     // Two plugins of one name share the copy; a copy changed on disk is refused.
+    // Replaced, not written in place: the first host may still be running from the copy.
     std::string bytes = Read(Copies("Alpha.exe"));
     bytes[100] ^= 0x01;
-    Write(Copies("Alpha.exe"), bytes);
+    Write(Copies("Alpha.exe.new"), bytes);
+    fs::rename(Copies("Alpha.exe.new"), Copies("Alpha.exe"));
     PluginHostProcess second(Plugin(PluginSourceType::Embedded, "Contoso.B", "Alpha"), &socket_, ElevationType::Elevated);
     second.Start();
     EXPECT_EQ(second.GetProcessID(), 0);
