@@ -7,6 +7,7 @@
 #include "platform/fs/ProcessDataRoot.h"
 #include "platform/process/ProcessHandles.h"
 #include "platform/string/String.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/FileStatus.h"
 #include "tests/support/TempRoot.h"
@@ -78,7 +79,7 @@ protected:
         fs::create_directories(fs::path(host).parent_path());
         fs::copy_file(VEQ_PLUGIN_HOST_PROGRAM, host, fs::copy_options::overwrite_existing);
         if (sign) {
-            ca_.SignFile(host);
+            SignWithTool(host);
         }
     }
 
@@ -90,12 +91,19 @@ protected:
         chmod(folder.c_str(), 0777);  // the user side's plugin reports here
         const std::string library = folder + "/" + name + ".dll";
         fs::copy_file(VEQ_TEST_PLUGIN, library, fs::copy_options::overwrite_existing);
-        ca_.SignFile(library);
+        SignWithTool(library);
         const std::string entry = "\\bin\\" + name + ".dll";
         PluginManifest manifest(name, String::UTF8ToUTF16(id), RuntimeType::Unmanaged, "1.0.0.0", {},
                                 PluginExecutionDetails(StartupType::Auto, {}, "", entry),
                                 PluginExecutionDetails(StartupType::Auto, {}, "", entry), L"");
         return PluginDetails(PluginSourceType::Embedded, manifest);
+    }
+    // As a plugin's author signs: with the tool.
+    void SignWithTool(const std::string& path)
+    {
+        const auto outcome = VEQ::Test::ChildProcess::Run(
+            {VEQ_SIGN_PROGRAM, "--key", ca_.SignerKey(), "--cert", ca_.SignerCert(), path});
+        ASSERT_EQ(outcome.exitCode, 0) << outcome.output;
     }
     std::string PluginFolder(const std::string& id) const { return root_.BelowUtf8("system/EmbeddedPlugins/" + id + "/bin"); }
 
