@@ -18,8 +18,10 @@ bool CVersion::Parse(const std::wstring& text)
         if (c < L'0' || c > L'9') {
             return false;
         }
+        // Checked at every digit, so that no run of digits can overflow; leading zeros are harmless.
         parts[part] = parts[part] * 10 + static_cast<uint32_t>(c - L'0');
-        if (++digits > 5 || parts[part] > 65535) {
+        ++digits;
+        if (parts[part] > 65535) {
             return false;
         }
     }

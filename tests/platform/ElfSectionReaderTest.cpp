@@ -1,6 +1,5 @@
 #include "platform/elf/ElfSectionReader.h"
 #include "platform/fs/FileSystem.h"
-#include "platform/resources/ResourceLoaderUtility.h"
 #include "platform/string/String.h"
 #include "platform/util/CVersion.h"
 #include "tests/support/ElfFixture.h"
@@ -10,10 +9,15 @@
 
 #include <elf.h>
 
+#include <chrono>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <future>
+#include <limits>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace VEQ {
 namespace {
@@ -30,11 +34,20 @@ void Write(const std::string& path, const std::string& bytes)
     std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
 }
 
+template <typename T>
+T At(const std::string& image, size_t offset)
+{
+    T value;
+    std::memcpy(&value, image.data() + offset, sizeof value);
+    return value;
+}
+
 class ElfSectionReaderTest : public ::testing::Test {
 protected:
     ElfSectionReaderTest()
     {
         VEQ::Test::MakeElfWithSections(Elf(), {{".veq.version", "1.2.3.4"}, {".veq.res.JSON.1001", manifest_}});
+        image_ = Read(Elf());
     }
     std::string Elf() const { return root_.BelowUtf8("lib.dll"); }
     bool ReadSection(const std::string& path, const std::string& name, std::string& content, size_t cap = 1 << 20)
@@ -44,18 +57,35 @@ protected:
         EXPECT_EQ(read, error.empty()) << "an error says why, and only on failure: " << error;
         return read;
     }
-    // The file with bytes at offset replaced.
-    std::string Patched(size_t offset, const void* bytes, size_t size)
+    // A copy of the file with the bytes of value at offset.
+    template <typename T>
+    std::string Patched(size_t offset, T value)
     {
-        std::string image = Read(Elf());
-        std::memcpy(image.data() + offset, bytes, size);
+        std::string image = image_;
+        std::memcpy(image.data() + offset, &value, sizeof value);
         const std::string path = root_.BelowUtf8("patched-" + std::to_string(patches_++));
         Write(path, image);
         return path;
     }
+    // Where the header of the section named name lies in the file.
+    size_t SectionHeaderOffset(const std::string& name) const
+    {
+        const auto header = At<Elf64_Ehdr>(image_, 0);
+        const auto names = At<Elf64_Shdr>(image_, header.e_shoff + header.e_shstrndx * sizeof(Elf64_Shdr));
+        for (size_t index = 1; index < header.e_shnum; ++index) {
+            const size_t at = header.e_shoff + index * sizeof(Elf64_Shdr);
+            if (image_.compare(names.sh_offset + At<Elf64_Shdr>(image_, at).sh_name, name.size() + 1,
+                               name.c_str(), name.size() + 1) == 0) {
+                return at;
+            }
+        }
+        ADD_FAILURE() << "no section " << name;
+        return 0;
+    }
 
     VEQ::Test::TempRoot root_;
     const std::string manifest_ = R"({"plugins": [{"pluginId": "caf\u00e9"}]})";
+    std::string image_;
     int patches_ = 0;
 };
 
@@ -66,137 +96,149 @@ TEST_F(ElfSectionReaderTest, ReadsNamedSectionsExactly)
     EXPECT_EQ(content, "1.2.3.4");
     ASSERT_TRUE(ReadSection(Elf(), ".veq.res.JSON.1001", content));
     EXPECT_EQ(content, manifest_);
-    EXPECT_FALSE(ReadSection(Elf(), ".veq.res.JSON.104", content));
-    EXPECT_FALSE(ReadSection(Elf(), ".veq.res.JSON.1001", content, manifest_.size() - 1)) << "larger than the cap";
-    EXPECT_FALSE(ReadSection(Elf(), ".bss", content)) << "a section without bytes";
+    ASSERT_TRUE(ReadSection(Elf(), ".veq.res.JSON.1001", content, manifest_.size())) << "exactly as large as the cap";
+    EXPECT_EQ(content, manifest_);
+
+    const std::pair<const char*, size_t> refused[] = {
+        {".veq.res.JSON.104", 1 << 20},            // absent
+        {".veq.res.JSON", 1 << 20},                // a prefix of a section's name
+        {".veq.res.JSON.1001", manifest_.size() - 1},  // one byte over the cap
+        {".bss", std::numeric_limits<size_t>::max()},  // a section without bytes in the file
+    };
+    for (const auto& [name, cap] : refused) {
+        EXPECT_FALSE(ReadSection(Elf(), name, content, cap)) << name << " with cap " << cap;
+    }
 }
 
 TEST_F(ElfSectionReaderTest, RefusesWhatIsNoWellFormedElfFile)
 {
-    const std::string image = Read(Elf());
     std::string content;
     Write(root_.BelowUtf8("text"), "just some text, not ELF at all");
     Write(root_.BelowUtf8("empty"), "");
-    EXPECT_FALSE(ReadSection(root_.BelowUtf8("text"), ".veq.version", content));
-    EXPECT_FALSE(ReadSection(root_.BelowUtf8("empty"), ".veq.version", content));
-    EXPECT_FALSE(ReadSection(root_.BelowUtf8("missing"), ".veq.version", content));
-    EXPECT_FALSE(ReadSection(root_.PathUtf8(), ".veq.version", content)) << "a directory";
-    const std::string fifo = root_.BelowUtf8("fifo");
-    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    EXPECT_FALSE(ReadSection(fifo, ".veq.version", content)) << "a FIFO neither blocks nor reads";
-    // Our sections lie at the end of the file, with the section table after them: every cut loses them.
-    for (size_t length : {size_t{4}, size_t{64}, image.size() / 2, image.size() - 1}) {
+    Write(root_.BelowUtf8("magic"), "\x7F" "ELF");
+    for (const std::string& path : {root_.BelowUtf8("text"), root_.BelowUtf8("empty"), root_.BelowUtf8("magic"),
+                                    root_.BelowUtf8("missing"), root_.PathUtf8()}) {
+        EXPECT_FALSE(ReadSection(path, ".veq.version", content)) << path;
+    }
+    // Our sections lie near the end of the file, with the section table after them: every cut loses them.
+    for (size_t length : {size_t{4}, size_t{63}, size_t{64}, image_.size() / 2, image_.size() - 1}) {
         const std::string path = root_.BelowUtf8("cut-" + std::to_string(length));
-        Write(path, image.substr(0, length));
+        Write(path, image_.substr(0, length));
         EXPECT_FALSE(ReadSection(path, ".veq.version", content)) << "cut at " << length;
     }
 }
 
-TEST_F(ElfSectionReaderTest, ASectionTableThatLiesCostsOnlyThatFile)
+TEST_F(ElfSectionReaderTest, AFifoNeitherBlocksNorReads)
 {
-    const std::string image = Read(Elf());
-    ASSERT_EQ(image[EI_CLASS], ELFCLASS64);
-    Elf64_Ehdr header;
-    std::memcpy(&header, image.data(), sizeof header);
+    const std::string fifo = root_.BelowUtf8("fifo");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    auto read = std::async(std::launch::async, [&] {
+        std::string content;
+        std::string error;
+        return ElfSectionReader::ReadSection(fifo, ".veq.version", 64, content, error);
+    });
+    if (read.wait_for(std::chrono::seconds(30)) != std::future_status::ready) {
+        // Let the reader go, or the test would hang rather than fail.
+        const int writer = open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
+        if (writer >= 0) {
+            close(writer);
+        }
+        ADD_FAILURE() << "the reader waited for a writer";
+    }
+    EXPECT_FALSE(read.get());
+}
+
+TEST_F(ElfSectionReaderTest, AFileHeaderThatLiesIsRefused)
+{
+    const auto header = At<Elf64_Ehdr>(image_, 0);
+    ASSERT_EQ(header.e_ident[EI_CLASS], ELFCLASS64) << "the rows below patch a 64-bit header";
     std::string content;
+    const std::pair<std::string, const char*> rows[] = {
+        {Patched(offsetof(Elf64_Ehdr, e_shoff), uint64_t{image_.size() * 4}), "section table past the end"},
+        {Patched(offsetof(Elf64_Ehdr, e_shoff), std::numeric_limits<uint64_t>::max() - 8),
+         "section table offset wraps"},
+        {Patched(offsetof(Elf64_Ehdr, e_shoff), uint64_t{0}), "no section table"},
+        {Patched(offsetof(Elf64_Ehdr, e_shnum), uint16_t{0xFFF0}), "more sections than the file holds"},
+        {Patched(offsetof(Elf64_Ehdr, e_shstrndx), static_cast<uint16_t>(header.e_shnum + 5)), "names in no section"},
+        {Patched(EI_MAG1, 'X'), "no ELF magic"},
+    };
+    for (const auto& [path, why] : rows) {
+        EXPECT_FALSE(ReadSection(path, ".veq.version", content)) << why;
+    }
+}
 
-    const uint64_t farOffset = image.size() * 4;
-    EXPECT_FALSE(ReadSection(Patched(offsetof(Elf64_Ehdr, e_shoff), &farOffset, sizeof farOffset), ".veq.version", content));
-    const uint16_t manySections = 0xFFF0;
-    EXPECT_FALSE(ReadSection(Patched(offsetof(Elf64_Ehdr, e_shnum), &manySections, sizeof manySections), ".veq.version",
-                             content));
-    const uint16_t badNames = static_cast<uint16_t>(header.e_shnum + 5);
-    EXPECT_FALSE(ReadSection(Patched(offsetof(Elf64_Ehdr, e_shstrndx), &badNames, sizeof badNames), ".veq.version",
-                             content));
+TEST_F(ElfSectionReaderTest, ASectionHeaderThatLiesCostsOnlyThatSection)
+{
+    const size_t version = SectionHeaderOffset(".veq.version");
+    ASSERT_NE(version, 0U);
+    const uint64_t size = image_.size();
+    const std::pair<std::string, const char*> rows[] = {
+        {Patched(version + offsetof(Elf64_Shdr, sh_size), size), "reaches past the end"},
+        {Patched(version + offsetof(Elf64_Shdr, sh_size), uint64_t{1} << 62), "larger than any file"},
+        {Patched(version + offsetof(Elf64_Shdr, sh_offset), size - 3), "starts within the file and leaves it"},
+        {Patched(version + offsetof(Elf64_Shdr, sh_offset), size), "starts at the end"},
+        {Patched(version + offsetof(Elf64_Shdr, sh_offset), std::numeric_limits<uint64_t>::max() - 2),
+         "offset plus size wraps"},
+        {Patched(version + offsetof(Elf64_Shdr, sh_name), uint32_t{0x7FFFFFFF}), "its name lies outside the names"},
+        {Patched(version + offsetof(Elf64_Shdr, sh_type), uint32_t{SHT_NOBITS}), "holds no bytes"},
+    };
+    for (const auto& [path, why] : rows) {
+        std::string content;
+        std::string error;
+        // No cap to hide behind: the reader must check the section against the file itself.
+        EXPECT_FALSE(ElfSectionReader::ReadSection(path, ".veq.version", std::numeric_limits<size_t>::max(), content,
+                                                   error))
+            << why;
+        EXPECT_TRUE(ReadSection(path, ".veq.res.JSON.1001", content)) << why;
+        EXPECT_EQ(content, manifest_) << why;
+    }
+}
 
-    // Each section header of ours made to reach past the end of the file, or to name nothing.
-    for (uint16_t index = 1; index < header.e_shnum; ++index) {
+TEST_F(ElfSectionReaderTest, AnySectionHeaderThatLiesIsSurvived)
+{
+    // Every header of the file in turn made to reach past the end or to name nothing: whatever
+    // each read answers, it must neither crash nor read outside the file (the sanitizer builds
+    // watch the latter).
+    const auto header = At<Elf64_Ehdr>(image_, 0);
+    for (size_t index = 0; index < header.e_shnum; ++index) {
         const size_t at = header.e_shoff + index * sizeof(Elf64_Shdr);
-        Elf64_Shdr section;
-        std::memcpy(&section, image.data() + at, sizeof section);
-        const uint64_t hugeSize = image.size();
-        const std::string longer = Patched(at + offsetof(Elf64_Shdr, sh_size), &hugeSize, sizeof hugeSize);
-        const uint32_t badName = 0x7FFFFFFF;
-        const std::string unnamed = Patched(at + offsetof(Elf64_Shdr, sh_name), &badName, sizeof badName);
-        for (const std::string& path : {longer, unnamed}) {
+        for (const std::string& path : {Patched(at + offsetof(Elf64_Shdr, sh_size), uint64_t{image_.size()}),
+                                        Patched(at + offsetof(Elf64_Shdr, sh_offset), uint64_t{image_.size() - 1}),
+                                        Patched(at + offsetof(Elf64_Shdr, sh_name), uint32_t{0x7FFFFFFF})}) {
+            std::string content;
             std::string error;
-            ElfSectionReader::ReadSection(path, ".veq.res.JSON.1001", 1 << 20, content, error);
+            if (ElfSectionReader::ReadSection(path, ".veq.res.JSON.1001", 1 << 20, content, error)) {
+                EXPECT_EQ(content, manifest_) << "section header " << index;
+            }
         }
     }
-    // Nothing above may crash or read outside the file; the untouched file still reads.
-    ASSERT_TRUE(ReadSection(Elf(), ".veq.version", content));
 }
 
 TEST_F(ElfSectionReaderTest, FileVersionsComeFromTheVersionSection)
 {
     VEQ::Test::MakeElfWithSections(root_.BelowUtf8("old.dll"), {{".veq.version", "1.9\n"}});
-    VEQ::Test::MakeElfWithSections(root_.BelowUtf8("bad.dll"), {{".veq.version", "one.two"}});
+    VEQ::Test::MakeElfWithSections(root_.BelowUtf8("terminated.dll"), {{".veq.version", std::string("2.0.1", 6)}});
     CVersion newer;
     CVersion older;
+    CVersion terminated;
     ASSERT_TRUE(FileSystem::GetFileVersion(String::UTF8ToUTF16(Elf()), newer));
     ASSERT_TRUE(FileSystem::GetFileVersion(root_.Below(L"old.dll"), older));
+    ASSERT_TRUE(FileSystem::GetFileVersion(root_.Below(L"terminated.dll"), terminated));
     EXPECT_EQ(newer.ToString(), L"1.2.3.4");
     EXPECT_EQ(older.ToString(), L"1.9.0.0");
+    EXPECT_EQ(terminated.ToString(), L"2.0.1.0");
     EXPECT_GT(older.CompareTo(newer), 0);
-    CVersion untouched;
-    EXPECT_FALSE(FileSystem::GetFileVersion(root_.Below(L"bad.dll"), untouched));
-    VEQ::Test::MakeElfWithSections(root_.BelowUtf8("none.dll"), {});
-    EXPECT_FALSE(FileSystem::GetFileVersion(root_.Below(L"none.dll"), untouched));
-}
 
-TEST(CVersionTest, ParsesOneToFourDecimalParts)
-{
-    const std::pair<const wchar_t*, const wchar_t*> valid[] = {
-        {L"1.2.3.4", L"1.2.3.4"}, {L"7", L"7.0.0.0"}, {L"1.10", L"1.10.0.0"}, {L"65535.0.0.65535", L"65535.0.0.65535"},
-        {L"01.002", L"1.2.0.0"},
-    };
-    for (const auto& [text, canonical] : valid) {
-        CVersion version;
-        EXPECT_TRUE(version.Parse(text)) << String::UTF16ToUTF8(text);
-        EXPECT_EQ(version.ToString(), canonical) << String::UTF16ToUTF8(text);
+    VEQ::Test::MakeElfWithSections(root_.BelowUtf8("bad.dll"), {{".veq.version", "one.two"}});
+    VEQ::Test::MakeElfWithSections(root_.BelowUtf8("long.dll"), {{".veq.version", "1.2.3.4" + std::string(4096, ' ')}});
+    VEQ::Test::MakeElfWithSections(root_.BelowUtf8("none.dll"), {{".veq.res.JSON.1001", "1.2.3.4"}});
+    Write(root_.BelowUtf8("text.dll"), "1.2.3.4");
+    for (const wchar_t* name : {L"bad.dll", L"long.dll", L"none.dll", L"text.dll", L"missing.dll"}) {
+        CVersion untouched;
+        ASSERT_TRUE(untouched.Parse(L"5"));
+        EXPECT_FALSE(FileSystem::GetFileVersion(root_.Below(name), untouched)) << String::UTF16ToUTF8(name);
+        EXPECT_EQ(untouched.ToString(), L"5.0.0.0") << String::UTF16ToUTF8(name);
     }
-    for (const wchar_t* text : {L"", L".", L"1.", L".1", L"1..2", L"1.2.3.4.5", L"65536", L"-1", L"+1", L" 1", L"1 ",
-                                L"1.2a", L"9999999999", L"\u0661"}) {
-        CVersion version;
-        version.Parse(L"5.5");
-        EXPECT_FALSE(version.Parse(text)) << String::UTF16ToUTF8(text);
-        EXPECT_EQ(version.ToString(), L"5.5.0.0") << "a failed parse keeps the version: " << String::UTF16ToUTF8(text);
-    }
-}
-
-TEST(CVersionTest, ComparesPartByPart)
-{
-    const std::tuple<const wchar_t*, const wchar_t*, int> rows[] = {
-        {L"1.10", L"1.9", 1}, {L"1.2", L"1.2.0.0", 0}, {L"1.2.3.4", L"1.2.3.5", -1}, {L"2", L"1.65535.65535.65535", 1},
-    };
-    for (const auto& [left, right, order] : rows) {
-        CVersion a;
-        CVersion b;
-        ASSERT_TRUE(a.Parse(left) && b.Parse(right));
-        EXPECT_EQ(a.CompareTo(b), order) << String::UTF16ToUTF8(left) << " vs " << String::UTF16ToUTF8(right);
-        EXPECT_EQ(b.CompareTo(a), -order) << String::UTF16ToUTF8(right) << " vs " << String::UTF16ToUTF8(left);
-    }
-}
-
-TEST_F(ElfSectionReaderTest, ResourcesComeFromProductFilesAndAddOnSections)
-{
-    Write(root_.BelowUtf8("system/resources/JSON/104.json"), "{\"a\": \"caf\xC3\xA9\"}");
-    std::wstring text = L"stale";
-    ASSERT_TRUE(ResourceLoaderUtility::GetInstance()->LoadCustomResource(text, 104, L"JSON"));
-    EXPECT_EQ(text, L"{\"a\": \"caf\u00E9\"}");
-    EXPECT_FALSE(ResourceLoaderUtility::GetInstance()->LoadCustomResource(text, 999, L"JSON"));
-    EXPECT_TRUE(text.empty()) << "a missing resource leaves empty text";
-    EXPECT_FALSE(ResourceLoaderUtility::GetInstance()->LoadCustomResource(text, 104, L"../resources/JSON"));
-
-    VEQ::Test::MakeElfWithSections(root_.BelowUtf8("system/AddOnPlugins/x/resourceloader.dll"),
-                                   {{".veq.res.JSON.1001", manifest_}});
-    const std::wstring modulePath =
-        FileSystem::GetSystemFolderPath() + L"\\drivers\\tavrin\\VEQ\\AddOnPlugins\\x\\resourceloader.dll";
-    ASSERT_TRUE(ResourceLoaderUtility::LoadCustomResourceFromFile(text, modulePath, 1001, L"JSON"));
-    EXPECT_EQ(text, String::UTF8ToUTF16(manifest_));
-    EXPECT_FALSE(ResourceLoaderUtility::LoadCustomResourceFromFile(text, modulePath, 104, L"JSON"));
-    EXPECT_FALSE(ResourceLoaderUtility::LoadCustomResourceFromFile(text, modulePath, 1001, L"TEXT"));
-    EXPECT_TRUE(text.empty());
 }
 
 }  // namespace
