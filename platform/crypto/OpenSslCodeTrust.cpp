@@ -8,6 +8,7 @@
 
 #include <openssl/pem.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -27,7 +28,6 @@ SignatureCheckResult Valid()
     return {SignatureCheckResult::kValid, "valid", true};
 }
 
-
 class FileDescriptor {
 public:
     explicit FileDescriptor(int fd) : fd_(fd) {}
@@ -43,6 +43,80 @@ public:
 
 private:
     int fd_;
+};
+
+// The first bytes of a file as an OpenSSL source, read with pread as CMS_verify digests them, so
+// a large program is never held in memory. A file that ends early (someone truncated it while it
+// was checked) is marked, so that it cannot pass for shorter content or for tampering.
+class FileRange {
+public:
+    FileRange(int fd, uint64_t length) : fd_(fd), length_(length) {}
+
+    // A BIO over the range; the range must outlive it.
+    OpenSsl::Bio NewBio()
+    {
+        OpenSsl::Bio bio(BIO_new(Method()));
+        if (bio) {
+            BIO_set_data(bio.get(), this);
+            BIO_set_init(bio.get(), 1);
+        }
+        return bio;
+    }
+    bool Truncated() const { return truncated_; }
+
+private:
+    static const BIO_METHOD* Method()
+    {
+        static const std::unique_ptr<BIO_METHOD, OpenSsl::Deleter<BIO_meth_free>> method = [] {
+            std::unique_ptr<BIO_METHOD, OpenSsl::Deleter<BIO_meth_free>> made(
+                BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "veq file range"));
+            if (made) {
+                BIO_meth_set_read_ex(made.get(), &FileRange::Read);
+                BIO_meth_set_ctrl(made.get(), &FileRange::Control);
+            }
+            return made;
+        }();
+        return method.get();
+    }
+
+    static int Read(BIO* bio, char* buffer, size_t size, size_t* got)
+    {
+        auto* range = static_cast<FileRange*>(BIO_get_data(bio));
+        *got = 0;
+        const uint64_t wanted = std::min<uint64_t>(size, range->length_ - range->offset_);
+        if (wanted == 0) {
+            return 0;
+        }
+        ssize_t read = 0;
+        do {
+            read = pread(range->fd_, buffer, wanted, static_cast<off_t>(range->offset_));
+        } while (read < 0 && errno == EINTR);
+        if (read <= 0) {
+            range->truncated_ = true;
+            return 0;
+        }
+        range->offset_ += static_cast<uint64_t>(read);
+        *got = static_cast<size_t>(read);
+        return 1;
+    }
+
+    static long Control(BIO* bio, int command, long /*number*/, void* /*pointer*/)
+    {
+        const auto* range = static_cast<const FileRange*>(BIO_get_data(bio));
+        switch (command) {
+        case BIO_CTRL_EOF:
+            return range->offset_ >= range->length_ ? 1 : 0;
+        case BIO_CTRL_FLUSH:
+            return 1;
+        default:
+            return 0;
+        }
+    }
+
+    int fd_;
+    uint64_t length_;
+    uint64_t offset_ = 0;
+    bool truncated_ = false;
 };
 
 // Verifies the signature's chain to the anchors; the certificate purpose is not narrowed to
@@ -115,9 +189,7 @@ SignatureCheckResult OpenSslCodeTrust::VerifyFile(const std::string& path)
         return Failed(SignatureCheckResult::kMalformed, path + " is too large to be checked");
     }
     std::string signature;
-    std::string content;
-    if (!ReadAt::Exactly(file.get(), contentLength, signatureLength, signature) ||
-        !ReadAt::Exactly(file.get(), 0, contentLength, content)) {
+    if (!ReadAt::Exactly(file.get(), contentLength, signatureLength, signature)) {
         return Failed(SignatureCheckResult::kUnreadable, path + ": the file changed while it was read");
     }
     OpenSsl::Store store;
@@ -130,8 +202,17 @@ SignatureCheckResult OpenSslCodeTrust::VerifyFile(const std::string& path)
         return Failed(SignatureCheckResult::kMalformed, path + ": the signature is no CMS signed data: " +
                                                             OpenSsl::TakeError("unreadable"));
     }
-    const OpenSsl::Bio contentBio = OpenSsl::MemoryOf(content.data(), content.size());
-    if (CMS_verify(cms.get(), nullptr, store.get(), contentBio.get(), nullptr, CMS_BINARY) != 1) {
+    FileRange content(file.get(), contentLength);
+    const OpenSsl::Bio contentBio = content.NewBio();
+    if (!contentBio) {
+        return Failed(SignatureCheckResult::kUnreadable, path + ": " + OpenSsl::TakeError("out of memory"));
+    }
+    const bool verified = CMS_verify(cms.get(), nullptr, store.get(), contentBio.get(), nullptr, CMS_BINARY) == 1;
+    if (content.Truncated()) {
+        ERR_clear_error();
+        return Failed(SignatureCheckResult::kUnreadable, path + ": the file changed while it was read");
+    }
+    if (!verified) {
         SignatureCheckResult failure = VerificationFailure();
         failure.message = path + ": " + failure.message;
         return failure;
@@ -161,11 +242,12 @@ SignatureCheckResult OpenSslCodeTrust::DecodeSignedContent(const std::string& en
         }
         return Failed(SignatureCheckResult::kNotSigned, "the document is not in a signed envelope");
     }
+    // A detached signature is no envelope of a document, however well it verifies.
+    ASN1_OCTET_STRING** content = CMS_get0_content(cms.get());
+    if (content == nullptr || *content == nullptr) {
+        return Failed(SignatureCheckResult::kMalformed, "the envelope holds no content");
+    }
     if (!strict) {
-        ASN1_OCTET_STRING** content = CMS_get0_content(cms.get());
-        if (content == nullptr || *content == nullptr) {
-            return Failed(SignatureCheckResult::kMalformed, "the envelope holds no content");
-        }
         decoded.assign(reinterpret_cast<const char*>(ASN1_STRING_get0_data(*content)),
                        static_cast<size_t>(ASN1_STRING_length(*content)));
         return Valid();

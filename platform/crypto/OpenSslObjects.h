@@ -28,17 +28,24 @@ using Certificate = std::unique_ptr<X509, Deleter<X509_free>>;
 using Key = std::unique_ptr<EVP_PKEY, Deleter<EVP_PKEY_free>>;
 using Store = std::unique_ptr<X509_STORE, Deleter<X509_STORE_free>>;
 
-// The oldest error of the queue as text, and the queue emptied; fallback when it is empty.
+// The oldest error of the queue as text, and the queue emptied; fallback when it is empty. The
+// error's data goes along: that is where CMS says why a chain failed ("certificate has expired").
 inline std::string TakeError(const std::string& fallback)
 {
-    const unsigned long code = ERR_get_error();
-    ERR_clear_error();
-    if (code == 0) {
-        return fallback;
+    const char* data = nullptr;
+    int flags = 0;
+    const unsigned long code = ERR_get_error_all(nullptr, nullptr, nullptr, &data, &flags);
+    std::string text;
+    if (code != 0) {
+        char buffer[256];
+        ERR_error_string_n(code, buffer, sizeof buffer);
+        text = buffer;
+        if (data != nullptr && (flags & ERR_TXT_STRING) != 0 && *data != '\0') {
+            text += std::string(" (") + data + ")";
+        }
     }
-    char text[256];
-    ERR_error_string_n(code, text, sizeof text);
-    return text;
+    ERR_clear_error();
+    return code != 0 ? text : fallback;
 }
 
 inline Bio MemoryOf(const void* data, size_t size)

@@ -1,6 +1,7 @@
 #include "platform/crypto/CertificateValidationWrapper.h"
 #include "platform/crypto/CodeSigner.h"
 #include "platform/crypto/OpenSslCodeTrust.h"
+#include "platform/crypto/OpenSslObjects.h"
 #include "platform/crypto/SignatureTrailer.h"
 #include "platform/string/String.h"
 #include "tests/support/TempRoot.h"
@@ -24,6 +25,21 @@ std::string Read(const std::string& path)
 void Write(const std::string& path, const std::string& content)
 {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+}
+
+// A PEM envelope as DER, the other form a repository may serve.
+std::string Der(const std::string& pem)
+{
+    const OpenSsl::Bio input = OpenSsl::MemoryOf(pem.data(), pem.size());
+    const OpenSsl::Cms cms(PEM_read_bio_CMS(input.get(), nullptr, nullptr, nullptr));
+    const OpenSsl::Bio output(BIO_new(BIO_s_mem()));
+    if (!cms || i2d_CMS_bio(output.get(), cms.get()) != 1) {
+        ADD_FAILURE() << "cannot convert the envelope to DER";
+        return {};
+    }
+    char* data = nullptr;
+    const long length = BIO_get_mem_data(output.get(), &data);
+    return std::string(data, static_cast<size_t>(length));
 }
 
 class CodeTrustTest : public ::testing::Test {
@@ -80,66 +96,100 @@ TEST(SignatureTrailerTest, ReadsOnlyATrailerThatTheFileCanHold)
 
 TEST_F(CodeTrustTest, AcceptsOnlyFilesATrustedSignerSignedAsTheyAre)
 {
-    const std::function<std::string()> cases[] = {
-        [&] { return Signed("valid"); },
-        [&] {
-            Write(Path("unsigned"), "plain bytes, no signature at all");
-            return Path("unsigned");
-        },
-        [&] {
-            const std::string path = Signed("tampered");
-            std::string bytes = Read(path);
-            bytes[3] ^= 0x01;
-            Write(path, bytes);
-            return path;
-        },
-        [&] {
-            Write(Path("foreign"), "code");
-            other_.SignFile(Path("foreign"));
-            return Path("foreign");
-        },
-        [&] {
-            Write(Path("expired"), "code");
-            ca_.SignFileExpired(Path("expired"));
-            return Path("expired");
-        },
-        [&] {
-            const std::string path = Signed("truncated");
-            const std::string bytes = Read(path);
-            Write(path, bytes.substr(0, bytes.size() - 5));
-            return path;
-        },
-        [&] {
-            const std::string path = Signed("lying");
-            std::string bytes = Read(path);
-            const std::string lie = SignatureTrailer::Make(bytes.size());
-            bytes.replace(bytes.size() - lie.size(), lie.size(), lie);
-            Write(path, bytes);
-            return path;
-        },
-        [&] {
-            Write(Path("garbage-signature"), "code" + std::string(64, '\x30') + SignatureTrailer::Make(64));
-            return Path("garbage-signature");
-        },
-        [&] {
-            Write(Path("empty"), "");
-            return Path("empty");
-        },
-        [&] { return Path("missing"); },
-        [&] { return root_.PathUtf8(); },
+    // Large enough that verification reads it in many pieces.
+    const std::string large = [] {
+        std::string bytes(3 * 1024 * 1024 + 7, '\0');
+        for (size_t n = 0; n < bytes.size(); ++n) {
+            bytes[n] = static_cast<char>(n * 31 % 251);
+        }
+        return bytes;
+    }();
+    struct Row {
+        const char* name;
+        std::function<std::string()> make;
+        int status;
+        const char* says;  // part of the reason, where the reason matters
     };
-    const int expected[] = {
-        SignatureCheckResult::kValid,           SignatureCheckResult::kNotSigned, SignatureCheckResult::kContentMismatch,
-        SignatureCheckResult::kUntrusted,       SignatureCheckResult::kUntrusted, SignatureCheckResult::kNotSigned,
-        SignatureCheckResult::kMalformed,       SignatureCheckResult::kMalformed, SignatureCheckResult::kNotSigned,
-        SignatureCheckResult::kUnreadable,      SignatureCheckResult::kUnreadable,
+    const Row rows[] = {
+        {"valid", [&] { return Signed("valid"); }, SignatureCheckResult::kValid, "valid"},
+        {"large and valid", [&] { return Signed("large", large); }, SignatureCheckResult::kValid, "valid"},
+        {"unsigned",
+         [&] {
+             Write(Path("unsigned"), "plain bytes, no signature at all");
+             return Path("unsigned");
+         },
+         SignatureCheckResult::kNotSigned, "no signature"},
+        {"one byte flipped",
+         [&] {
+             const std::string path = Signed("tampered");
+             std::string bytes = Read(path);
+             bytes[3] ^= 0x01;
+             Write(path, bytes);
+             return path;
+         },
+         SignatureCheckResult::kContentMismatch, "does not match"},
+        {"large, its last content byte flipped",
+         [&] {
+             const std::string path = Signed("large-tampered", large);
+             std::string bytes = Read(path);
+             bytes[large.size() - 1] ^= 0x01;
+             Write(path, bytes);
+             return path;
+         },
+         SignatureCheckResult::kContentMismatch, "does not match"},
+        {"signed under another CA",
+         [&] {
+             Write(Path("foreign"), "code");
+             other_.SignFile(Path("foreign"));
+             return Path("foreign");
+         },
+         SignatureCheckResult::kUntrusted, "not trusted"},
+        {"expired signer",
+         [&] {
+             Write(Path("old-signer"), "code");
+             ca_.SignFileExpired(Path("old-signer"));
+             return Path("old-signer");
+         },
+         SignatureCheckResult::kUntrusted, "expired"},
+        {"trailer truncated",
+         [&] {
+             const std::string path = Signed("truncated");
+             const std::string bytes = Read(path);
+             Write(path, bytes.substr(0, bytes.size() - 5));
+             return path;
+         },
+         SignatureCheckResult::kNotSigned, "no signature"},
+        {"trailer lying about its length",
+         [&] {
+             const std::string path = Signed("lying");
+             std::string bytes = Read(path);
+             const std::string lie = SignatureTrailer::Make(bytes.size());
+             bytes.replace(bytes.size() - lie.size(), lie.size(), lie);
+             Write(path, bytes);
+             return path;
+         },
+         SignatureCheckResult::kMalformed, "cannot hold"},
+        {"garbage where the signature belongs",
+         [&] {
+             Write(Path("garbage-signature"), "code" + std::string(64, '\x30') + SignatureTrailer::Make(64));
+             return Path("garbage-signature");
+         },
+         SignatureCheckResult::kMalformed, "no CMS signed data"},
+        {"empty file",
+         [&] {
+             Write(Path("empty"), "");
+             return Path("empty");
+         },
+         SignatureCheckResult::kNotSigned, "no signature"},
+        {"missing file", [&] { return Path("missing"); }, SignatureCheckResult::kUnreadable, "No such file"},
+        {"a directory", [&] { return root_.PathUtf8(); }, SignatureCheckResult::kUnreadable, "not a regular file"},
     };
-    for (size_t row = 0; row < std::size(cases); ++row) {
-        const std::string path = cases[row]();
+    for (const Row& row : rows) {
+        const std::string path = row.make();
         const SignatureCheckResult result = trust_.VerifyFile(path);
-        EXPECT_EQ(result.status, expected[row]) << path << ": " << result.message;
-        EXPECT_EQ(result.isValid, expected[row] == SignatureCheckResult::kValid) << path;
-        EXPECT_FALSE(result.message.empty()) << path;
+        EXPECT_EQ(result.status, row.status) << row.name << ": " << result.message;
+        EXPECT_EQ(result.isValid, row.status == SignatureCheckResult::kValid) << row.name;
+        EXPECT_NE(result.message.find(row.says), std::string::npos) << row.name << ": " << result.message;
     }
 }
 
@@ -188,6 +238,13 @@ TEST_F(CodeTrustTest, EnvelopesOpenStrictlyOnlyForATrustedSigner)
 {
     const std::string document = R"({"plugins": [{"pluginId": "A"}]})";
     const std::string envelope = ca_.Envelope(document);
+    std::string pkcs7 = envelope;
+    pkcs7.replace(pkcs7.find("BEGIN CMS"), 9, "BEGIN PKCS7");
+    pkcs7.replace(pkcs7.find("END CMS"), 7, "END PKCS7");
+    const std::string program = "program";
+    const std::string signedProgram = Read(Signed("detached", program));
+    const std::string detached =
+        signedProgram.substr(program.size(), signedProgram.size() - program.size() - SignatureTrailer::kSize);
     std::string tampered = envelope;
     tampered[tampered.size() / 2] = tampered[tampered.size() / 2] == 'A' ? 'B' : 'A';
     struct Row {
@@ -200,6 +257,9 @@ TEST_F(CodeTrustTest, EnvelopesOpenStrictlyOnlyForATrustedSigner)
     const Row rows[] = {
         {"trusted", envelope, SignatureCheckResult::kValid, SignatureCheckResult::kValid, document},
         {"other CA", other_.Envelope(document), SignatureCheckResult::kUntrusted, SignatureCheckResult::kValid, document},
+        {"DER", Der(envelope), SignatureCheckResult::kValid, SignatureCheckResult::kValid, document},
+        {"labelled PKCS7", pkcs7, SignatureCheckResult::kValid, SignatureCheckResult::kValid, document},
+        {"detached signature", detached, SignatureCheckResult::kMalformed, SignatureCheckResult::kMalformed, ""},
         {"plain JSON", document, SignatureCheckResult::kNotSigned, SignatureCheckResult::kValid, document},
         {"truncated", envelope.substr(0, envelope.size() / 2), SignatureCheckResult::kNotSigned,
          SignatureCheckResult::kValid, envelope.substr(0, envelope.size() / 2)},
