@@ -1,5 +1,6 @@
 #include "platform/Platform.h"
 
+#include "platform/applicability/ApplicabilityEvaluator.h"
 #include "platform/crypto/OpenSslCodeTrust.h"
 #include "platform/fs/LinuxFileSystem.h"
 #include "platform/mqtt/INotificationAgent.h"
@@ -70,6 +71,9 @@ void CompleteServices(const PlatformPaths& paths, const PlatformSettings& settin
     if (!services.codeTrust) {
         services.codeTrust = std::make_shared<OpenSslCodeTrust>();
     }
+    if (!services.applicabilityEvaluator) {
+        services.applicabilityEvaluator = std::make_shared<ApplicabilityEvaluator>();
+    }
     if (!services.sessionSource) {
         if (settings.sessionSource == "file") {
             services.sessionSource = std::make_shared<SessionFileSource>(settings.sessionFile);
@@ -118,6 +122,11 @@ PlatformSettings Platform::Settings()
 std::shared_ptr<ICodeTrust> Platform::CodeTrust()
 {
     return Read(&PlatformServices::codeTrust);
+}
+
+std::shared_ptr<ApplicabilityEvaluator> Platform::Evaluator()
+{
+    return Read(&PlatformServices::applicabilityEvaluator);
 }
 
 std::shared_ptr<ISessionSource> Platform::Sessions()

@@ -14,6 +14,7 @@ class INotificationBase;
 
 namespace VEQ {
 
+class ApplicabilityEvaluator;
 class ICodeTrust;
 class IConfigAgent;
 class IFileSystem;
@@ -65,6 +66,8 @@ struct PlatformServices {
     std::shared_ptr<ICodeTrust> codeTrust;
     // The active user session; null: as PlatformSettings::sessionSource says.
     std::shared_ptr<ISessionSource> sessionSource;
+    // The applicability rule engine; null: ApplicabilityEvaluator itself.
+    std::shared_ptr<ApplicabilityEvaluator> applicabilityEvaluator;
     // Makes the transport endpoints (by role); empty: the ZeroMQ endpoint.
     EndpointFactoryFunction endpointFactory;
 };
@@ -82,6 +85,7 @@ public:
     static EndpointFactoryFunction EndpointFactory();
     static std::shared_ptr<ICodeTrust> CodeTrust();
     static std::shared_ptr<ISessionSource> Sessions();
+    static std::shared_ptr<ApplicabilityEvaluator> Evaluator();
 
     static std::wstring DefaultDataRoot();
     // /usr/lib/veq, or the build tree's staging folder for programs run from the build tree.

@@ -9,6 +9,9 @@
 #include "platform/session/ISessionSource.h"
 #include "platform/string/String.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 namespace VEQ {
 namespace {
 
@@ -84,6 +87,16 @@ uint32_t ProcessWrap::GetCurrentSessionId()
         return ISessionSource::kNoSession;
     }
     return session.sessionId;
+}
+
+bool ProcessWrap::IsSystemProcess()
+{
+    if (geteuid() == 0) {
+        return true;
+    }
+    struct stat status {};
+    const std::string store = String::UTF16ToUTF8(Platform::Paths().registryRoot);
+    return !store.empty() && stat(store.c_str(), &status) == 0 && status.st_uid == geteuid();
 }
 
 void ProcessWrap::ForgetProcess(uint32_t pid)

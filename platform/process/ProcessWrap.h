@@ -25,6 +25,10 @@ public:
     // The active session's id, or 0xFFFFFFFF when nobody is logged in.
     static uint32_t GetCurrentSessionId();
 
+    // Whether this process is the service rather than a user's: it runs as root, or as the user
+    // that owns the service's registry store.
+    static bool IsSystemProcess();
+
     // The owner of a program started here no longer asks after it by its id: once it has ended,
     // its id may name another process. Until then its id stays bound to it (ChildProcesses).
     static void ForgetProcess(uint32_t pid);

@@ -1,10 +1,17 @@
 #include "platform/sync/ManualResetEvent.h"
 
+#include <algorithm>
+
 namespace VEQ {
 namespace {
 
 // Beyond this a deadline would overflow the clock's representation; such waits mean "forever".
 constexpr std::chrono::hours kLongestTimedWait{24 * 365 * 100};
+
+// Waiters on several events at once sleep here; every Set wakes them to look again. Taken before
+// an event's own mutex, never after it.
+std::mutex g_anyMutex;
+std::condition_variable g_anyChanged;
 
 }  // namespace
 
@@ -17,6 +24,10 @@ void ManualResetEvent::Set()
         set_ = true;
     }
     signalled_.notify_all();
+    {
+        std::lock_guard<std::mutex> lock(g_anyMutex);  // a waiter between its look and its sleep sees this
+    }
+    g_anyChanged.notify_all();
 }
 
 void ManualResetEvent::Reset()
@@ -48,6 +59,29 @@ void ManualResetEvent::Wait() const
 {
     std::unique_lock<std::mutex> lock(mutex_);
     signalled_.wait(lock, [this] { return set_; });
+}
+
+int ManualResetEvent::WaitAny(std::initializer_list<const ManualResetEvent*> events, std::chrono::milliseconds timeout)
+{
+    int found = -1;
+    const auto look = [&] {
+        int index = 0;
+        for (const ManualResetEvent* event : events) {
+            if (event != nullptr && event->IsSet()) {
+                found = index;
+                return true;
+            }
+            ++index;
+        }
+        return false;
+    };
+    std::unique_lock<std::mutex> lock(g_anyMutex);
+    if (timeout >= kLongestTimedWait) {
+        g_anyChanged.wait(lock, look);
+    } else {
+        g_anyChanged.wait_for(lock, std::max(timeout, std::chrono::milliseconds::zero()), look);
+    }
+    return found;
 }
 
 }  // namespace VEQ

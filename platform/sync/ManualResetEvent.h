@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <initializer_list>
 #include <mutex>
 
 namespace VEQ {
@@ -21,6 +22,10 @@ public:
     // True when the event is signalled within timeout. A timeout too large to add to the clock waits without limit.
     bool Wait(std::chrono::milliseconds timeout) const;
     void Wait() const;
+
+    // Waits for the first of several events: the index of a signalled one (the lowest when several
+    // are), or -1 when none is within timeout.
+    static int WaitAny(std::initializer_list<const ManualResetEvent*> events, std::chrono::milliseconds timeout);
 
 private:
     mutable std::mutex mutex_;

@@ -56,5 +56,24 @@ TEST(ManualResetEventTest, AnUnboundedTimeoutWaitsInsteadOfOverflowing)
     EXPECT_TRUE(result);
 }
 
+TEST(ManualResetEventTest, WaitAnyWakesForWhicheverEventComesAndPrefersTheFirst)
+{
+    ManualResetEvent first;
+    ManualResetEvent second;
+    EXPECT_EQ(ManualResetEvent::WaitAny({&first, &second}, std::chrono::milliseconds(1)), -1);
+
+    int woken = -2;
+    std::thread waiter([&] { woken = ManualResetEvent::WaitAny({&first, &second}, kDeadline); });
+    second.Set();
+    waiter.join();
+    EXPECT_EQ(woken, 1);
+
+    first.Set();
+    EXPECT_EQ(ManualResetEvent::WaitAny({&first, &second}, kDeadline), 0);
+    // A missing event is never the one signalled.
+    first.Reset();
+    EXPECT_EQ(ManualResetEvent::WaitAny({nullptr, &second}, kDeadline), 1);
+}
+
 }  // namespace
 }  // namespace VEQ
