@@ -26,9 +26,13 @@ ExtensionModule::ExtensionModule() : IVEQAgent(L"ExtensionModuleAgent")
 {
     fullInitDone = false;
     utility::InitLog(log, L"ExtensionModule.log", kLogLevel);
+    pluginManager = PluginManager::GetInstance();
 }
 
-ExtensionModule::~ExtensionModule() = default;
+ExtensionModule::~ExtensionModule()
+{
+    PluginManager::ReleaseInstance();
+}
 
 void ExtensionModule::Init(void*& /*context*/)
 {
@@ -48,6 +52,9 @@ void ExtensionModule::StartAgents()
 {
     CleanUpExtensionFiles();
     appExtensionManager.Start();
+    if (pluginManager != nullptr) {
+        pluginManager->Start(false);
+    }
     ExtensionMqttBroker::InitLog();
 }
 
@@ -57,6 +64,10 @@ void ExtensionModule::UnInit()
     log.d(L"%s: Enter", function);
     log.d(L"%s: Stopping AppExtensionManager", function);
     appExtensionManager.Stop();
+    if (pluginManager != nullptr) {
+        log.d(L"%s: Stopping PluginManager", function);
+        pluginManager->Stop();
+    }
     log.d(L"%s: Cleaning up ExtensionMqttBroker", function);
     ExtensionMqttBroker::UnInit();
     log.d(L"%s: Exit", function);

@@ -4,6 +4,7 @@
 #include "module/IExtensionModule.h"
 #include "platform/agents/IVEQAgent.h"
 #include "platform/log/Log.h"
+#include "plugins/PluginManager.h"
 
 #include <string>
 
@@ -20,6 +21,8 @@ public:
     void FullInit() override;
 
     AppExtensionManager& GetAppExtensionManager() { return appExtensionManager; }
+    // Null when the manager could not be made: the app side then runs alone.
+    PluginManager* GetPluginManager() { return pluginManager; }
 
 protected:
     ExtensionModule();
@@ -33,6 +36,7 @@ private:
     bool DeleteDirectoryRecursive(const std::wstring& path);
 
     AppExtensionManager appExtensionManager;
+    PluginManager* pluginManager = nullptr;
     bool fullInitDone = false;
     Log log;
 };

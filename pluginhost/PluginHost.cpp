@@ -170,14 +170,22 @@ std::string PluginHost::EntryFileName(const Json::Value& details, const std::str
     if (!manifest.isObject()) {
         return "";
     }
-    const Json::Value& block = manifest[side == "elevated" ? "system" : "user"];
 #if defined(__aarch64__)
     const char* entryMember = "entryARM64";
 #else
     const char* entryMember = "entry64";
 #endif
-    const Json::Value& entry = block.isObject() ? block[entryMember] : Json::Value();
-    return entry.isString() ? LastComponent(entry.asString()) : "";
+    // The policy may run a plugin on a side its manifest has no block for; it then runs the
+    // entry of the other block.
+    const bool elevated = side == "elevated";
+    for (const char* blockName : {elevated ? "system" : "user", elevated ? "user" : "system"}) {
+        const Json::Value& block = manifest[blockName];
+        const Json::Value& entry = block.isObject() ? block[entryMember] : Json::Value();
+        if (entry.isString() && !entry.asString().empty()) {
+            return LastComponent(entry.asString());
+        }
+    }
+    return "";
 }
 
 int PluginHost::LoadAndStart(const Identity& identity)

@@ -14,6 +14,11 @@ void MakeElfWithSections(const std::string& path, const ElfSections& sections)
 {
     fs::create_directories(fs::path(path).parent_path());
     fs::copy_file("/bin/true", path, fs::copy_options::overwrite_existing);
+    AddElfSections(path, sections);
+}
+
+void AddElfSections(const std::string& path, const ElfSections& sections)
+{
     std::vector<std::string> command{"/usr/bin/objcopy"};
     std::vector<std::string> contentFiles;
     for (size_t n = 0; n < sections.size(); ++n) {

@@ -12,5 +12,7 @@ using ElfSections = std::vector<std::pair<std::string, std::string>>;  // name, 
 
 // Writes an ELF file at path (parents made) that holds each of sections. Throws on failure.
 void MakeElfWithSections(const std::string& path, const ElfSections& sections);
+// Adds sections to the ELF file at path. Throws on failure.
+void AddElfSections(const std::string& path, const ElfSections& sections);
 
 }  // namespace VEQ::Test

@@ -6,6 +6,7 @@
 //   ...Bench...    asks one command and renames "<side>.first" into its folder when it is answered;
 //   anything else  asks the service who it is, and writes what it learnt to
 //                  <its folder>/<side>.report, and "<side>.stopped" there when it stops.
+// Every plugin appends each push it receives, one line of JSON, to <its folder>/<side>.pushes.
 
 #include "sdk/plugin/veq_plugin.h"
 
@@ -61,6 +62,12 @@ void Work(State* state)
     state->host->log(state->host->host, VEQ_LOG_INFO, "test plugin reported");
 }
 
+void OnPush(void* raw, const char* notification)
+{
+    const auto* state = static_cast<State*>(raw);
+    Append(state->folder + "/" + state->side + ".pushes", notification);
+}
+
 void OnStop(void* raw)
 {
     auto* state = static_cast<State*>(raw);
@@ -102,6 +109,7 @@ extern "C" VEQ_PLUGIN_EXPORT int veq_plugin_start(const veq_host_api* host, veq_
     state->stubborn = name.find("Stubborn") != std::string::npos;
     state->worker = std::thread(Work, state);
     callbacks->state = state;
+    callbacks->on_push = OnPush;
     callbacks->on_stop = OnStop;
     return 0;
 }
