@@ -1,5 +1,7 @@
 #include "daemon/ControlServer.h"
 
+#include "module/ExtensionModule.h"
+
 #include "platform/Platform.h"
 #include "platform/bus/VEQNotificationData.h"
 #include "platform/bus/VEQPublisherSubscriber.h"
@@ -186,6 +188,9 @@ ControlServer::Result ControlServer::Handle(const Message& request)
     if (request.notification.command == Protocol::kPublishEventCommand) {
         return PublishEvent(request);
     }
+    if (request.notification.command == Protocol::kListPluginsCommand) {
+        return ListPlugins(request);
+    }
     return Answer(request, false, kNotSupportedStatus, kNotSupportedText);
 }
 
@@ -238,6 +243,19 @@ ControlServer::Result ControlServer::PublishEvent(const Message& request)
             numbers[1], extension ? 1 : 0);
     VEQPublisherSubscriber::GetInstance()->Notify(data, kPublisherName);
     return Answer(request, true, 0, "");
+}
+
+ControlServer::Result ControlServer::ListPlugins(const Message& request)
+{
+    PluginManager* manager = ExtensionModule::GetInstance()->GetPluginManager();
+    if (manager == nullptr) {
+        return Answer(request, false, kNotSupportedStatus, "the service runs without plugins");
+    }
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "";
+    Result result = Answer(request, true, 0, "");
+    result.message.notification.payload = Json::writeString(writer, manager->Describe());
+    return result;
 }
 
 }  // namespace VEQ

@@ -45,6 +45,7 @@ private:
     void ServeThread();
     static Result Handle(const Message& request);
     static Result PublishEvent(const Message& request);
+    static Result ListPlugins(const Message& request);
 
     const std::wstring configuredRoot_;
     mutable std::mutex mutex_;  // guards Start and Stop

@@ -15,6 +15,7 @@
 #include "platform/policy/ConfigPolicyAgent.h"
 #include "platform/policy/PolicyFileWatcher.h"
 #include "platform/process/ChildProcesses.h"
+#include "platform/session/SessionWatcher.h"
 #include "platform/string/String.h"
 #include "platform/sync/TaskPool.h"
 #include "platform/util/ThreadGarbageCollector.h"
@@ -154,9 +155,34 @@ bool VeqDaemon::Start(std::string& error)
     void* context = nullptr;
     ExtensionModule::GetInstance()->Init(context);
     ExtensionModule::GetInstance()->FullInit();
+    StartSessionFollowing();
     g_log.i(L"%s: started on %s", kClass, root_);
     started_ = true;
     return true;
+}
+
+// User-side plugins run in the active session: a log-off ends that session's, a switch ends
+// those of every other session and starts the new one's.
+void VeqDaemon::StartSessionFollowing()
+{
+    PluginManager* plugins = ExtensionModule::GetInstance()->GetPluginManager();
+    if (plugins == nullptr) {
+        return;
+    }
+    sessions_ = std::make_unique<SessionWatcher>(Platform::Sessions(), [plugins](const SessionChange& change) {
+        if (change.kind == SessionChange::Kind::LoggedOff) {
+            g_log.i(L"%s: session %d logged off", kClass, change.sessionId);
+            plugins->Suspend(true, change.sessionId, true);
+        } else {
+            g_log.i(L"%s: session %d is now active", kClass, change.sessionId);
+            plugins->Suspend(true, change.sessionId, false);
+            plugins->LaunchPluginsAndLogPluginIdWithElevation(true);
+        }
+    });
+    if (!sessions_->Start()) {
+        g_log.w(L"%s: user sessions cannot be followed; user-side plugins start only with policy changes", kClass);
+        sessions_.reset();
+    }
 }
 
 void VeqDaemon::StartPolicy()
@@ -194,6 +220,10 @@ void VeqDaemon::Stop()
     // brokers can end without waiting for them.
     if (mqtt_) {
         mqtt_->Stop();
+    }
+    if (sessions_) {
+        sessions_->Stop();  // no user-side launch may race the module's stop
+        sessions_.reset();
     }
     ExtensionModule::GetInstance()->UnInit();
     control_->Stop();

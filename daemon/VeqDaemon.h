@@ -10,6 +10,8 @@ namespace VEQ {
 class ControlServer;
 class MosquittoNotificationAgent;
 class PolicyFileWatcher;
+class SessionWatcher;
+struct SessionChange;
 
 struct DaemonOptions {
     std::string root;        // empty: the default data root for this user
@@ -36,6 +38,7 @@ private:
     bool PrepareRoot(std::string& error);
     void ApplyHostConfig(const HostConfig& config);
     void StartPolicy();
+    void StartSessionFollowing();
     bool StartMqtt(std::string& error);
 
     DaemonOptions options_;
@@ -44,6 +47,7 @@ private:
     std::unique_ptr<PolicyFileWatcher> policy_;
     std::shared_ptr<MosquittoNotificationAgent> mqtt_;  // only when the configuration names a broker
     std::unique_ptr<ControlServer> control_;
+    std::unique_ptr<SessionWatcher> sessions_;
     bool started_ = false;
 };
 

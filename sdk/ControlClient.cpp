@@ -49,6 +49,16 @@ std::string ControlClient::EncodeEvent(const ControlEvent& event)
 
 Error ControlClient::Publish(const ControlEvent& event, Result& result)
 {
+    return Exchange(ControlProtocol::kPublishEventCommand, EncodeEvent(event), result);
+}
+
+Error ControlClient::ListPlugins(Result& result)
+{
+    return Exchange(ControlProtocol::kListPluginsCommand, "{}", result);
+}
+
+Error ControlClient::Exchange(const char* command, const std::string& payload, Result& result)
+{
     // Checked once rather than waited for: a missing control socket means the service is not there.
     switch (const int error = SocketFile::Probe(path_)) {
     case 0:
@@ -72,11 +82,11 @@ Error ControlClient::Publish(const ControlEvent& event, Result& result)
     }
     Message request;
     request.guid = VEQ::String::UTF16ToUTF8(VEQ::Utility::CGuid::NewGuid(false));
-    request.notification.command = ControlProtocol::kPublishEventCommand;
-    request.notification.payload = EncodeEvent(event);
+    request.notification.command = command;
+    request.notification.payload = payload;
     auto reply = connection.Send(request, timeout_);
     if (!reply) {
-        return {ErrorCode::NoReply, "no answer to \"" + std::string(ControlProtocol::kPublishEventCommand) +
+        return {ErrorCode::NoReply, "no answer to \"" + std::string(command) +
                                         "\" from the control socket " + path_ + " within " +
                                         std::to_string(timeout_.count()) +
                                         " ms: the event's subscribers may still be busy with it. Allow a longer "

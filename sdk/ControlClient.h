@@ -20,12 +20,16 @@ public:
     // Sends "Publish-Event" and fills result with the service's answer. An error only when no
     // answer came; whether the service took the event is result.isSuccess.
     Error Publish(const ControlEvent& event, Result& result);
+    // Sends "List-Plugins": the result's payload is the JSON object of ControlProtocol.h.
+    Error ListPlugins(Result& result);
 
     const std::string& SocketPath() const { return path_; }
     // The request's payload for event.
     static std::string EncodeEvent(const ControlEvent& event);
 
 private:
+    Error Exchange(const char* command, const std::string& payload, Result& result);
+
     const DataRoot root_;
     const std::chrono::milliseconds timeout_;
     const std::string path_;

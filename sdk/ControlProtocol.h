@@ -8,11 +8,19 @@
 // "topic" and "state" are required unless "extension" is true; "mqttTopic" is required when it is.
 // The others are optional. Result: isSuccess true once every subscriber has seen the event;
 // isSuccess false with statusCode 400 for bad input, -1 for an unknown command.
+//
+// Request: command "List-Plugins", payload "{}". Result: isSuccess true, and as payload
+//   {"plugins": [{"id", "name", "source": "Embedded"|"Downloaded", "version", "mode":
+//                 "user"|"system"|"both"|"none", "allowed": bool, "whyNot": string}],
+//    "instances": [{"id", "source", "side": "user"|"elevated", "session": int|null, "pid": int,
+//                   "running": bool}]}
+// as the plugin manager sees them: the plugins of its last discovery, the instances it owns.
 
 namespace Veq::Sdk::ControlProtocol {
 
 inline constexpr const char* kSocketName = "control";
 inline constexpr const char* kPublishEventCommand = "Publish-Event";
+inline constexpr const char* kListPluginsCommand = "List-Plugins";
 
 inline constexpr const char* kTopic = "topic";
 inline constexpr const char* kState = "state";

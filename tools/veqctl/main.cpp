@@ -3,6 +3,7 @@
 #include "tools/veqctl/CommonOptions.h"
 #include "tools/veqctl/ExitCode.h"
 #include "tools/veqctl/ListenCommand.h"
+#include "tools/veqctl/PluginsCommand.h"
 #include "tools/veqctl/PublishCommand.h"
 #include "tools/veqctl/SendCommand.h"
 
@@ -24,6 +25,7 @@ int main(int argc, char** argv)
     SendCommand send(app, common);
     ListenCommand listen(app, common);
     PublishCommand publish(app, common);
+    PluginsCommand plugins(app, common);
 
     try {
         app.parse(argc, argv);
@@ -39,6 +41,9 @@ int main(int argc, char** argv)
         }
         if (publish.Selected()) {
             return publish.Run(std::cout, std::cerr);
+        }
+        if (plugins.Selected()) {
+            return plugins.Run(std::cout, std::cerr);
         }
     } catch (const std::exception& failure) {
         std::cerr << "veqctl: " << failure.what() << "\n";
