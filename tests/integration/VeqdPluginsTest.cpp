@@ -1,0 +1,241 @@
+// veqd running real signed plugins on a temporary root: users logging in, switching and logging
+// off through the session file, policy changes through the policy file, events through
+// veqctl publish, and `veqctl plugins` checked against the processes themselves.
+
+#include "tests/support/ChildProcess.h"
+#include "tests/support/DaemonProcess.h"
+#include "tests/support/Eventually.h"
+#include "tests/support/FileStatus.h"
+#include "tests/support/PluginWorld.h"
+
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sys/stat.h>
+
+namespace VEQ {
+namespace {
+
+using namespace std::chrono_literals;
+using VEQ::Test::Eventually;
+using VEQ::Test::PluginPolicy;
+using VEQ::Test::PluginWorld;
+
+constexpr int kNobody = 65534;
+constexpr int kDaemonUser = 1;
+
+std::string Text(const Json::Value& value)
+{
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "";
+    return Json::writeString(writer, value);
+}
+
+// The real uid of a process, or -1 when it is gone.
+int UidOf(int pid)
+{
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind("Uid:", 0) == 0) {
+            return std::stoi(line.substr(4));
+        }
+    }
+    return -1;
+}
+
+bool Alive(int pid)
+{
+    // A zombie has no status line of its own once reaped; one not reaped yet counts as gone.
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind("State:", 0) == 0) {
+            return line.find('Z') == std::string::npos;
+        }
+    }
+    return false;
+}
+
+class VeqdPluginsTest : public ::testing::Test {
+protected:
+    VeqdPluginsTest()
+    {
+        char rootTemplate[] = "/tmp/veqd-plugins-XXXXXX";
+        root_ = ::mkdtemp(rootTemplate);
+        ::chmod(root_.c_str(), 0755);
+        world_ = std::make_unique<PluginWorld>(root_);
+        Json::Value config;
+        config["paths"]["systemRoot"] = root_ + "/system";
+        config["paths"]["commonDataRoot"] = root_ + "/common";
+        config["trust"]["caFile"] = world_->Ca().CaFile();
+        config["sessions"]["source"] = "file";
+        config["sessions"]["file"] = SessionFile();
+        std::ofstream(root_ + "/veqd.json") << Text(config);
+        PluginWorld::WriteSessions(SessionFile(), 7, kNobody, {{7, kNobody}});
+    }
+    ~VeqdPluginsTest() override
+    {
+        daemon_.reset();
+        std::filesystem::remove_all(root_);
+    }
+
+    std::string SessionFile() const { return root_ + "/run/session.json"; }
+
+    void WritePolicy(const PluginPolicy& policy)
+    {
+        const std::string temporary = root_ + "/policy.json.new";
+        std::ofstream(temporary) << Text(PluginWorld::PolicyDocument(policy));
+        std::filesystem::rename(temporary, root_ + "/policy.json");
+    }
+
+    void StartDaemon()
+    {
+        daemon_ = std::make_unique<VEQ::Test::DaemonProcess>(root_);
+        ASSERT_TRUE(daemon_->Start()) << daemon_->Output();
+    }
+
+    Json::Value Listing()
+    {
+        const auto outcome = VEQ::Test::ChildProcess::Run({VEQCTL_PROGRAM, "--root", root_, "plugins"});
+        Json::Value listing;
+        if (outcome.exitCode != 0 || !Json::Reader().parse(outcome.output, listing)) {
+            ADD_FAILURE() << "veqctl plugins: " << outcome.output;
+        }
+        return listing;
+    }
+
+    // The instances `veqctl plugins` lists, as "id side [session]", each checked against its process:
+    // alive, and run by the user its side says.
+    std::set<std::string> Instances()
+    {
+        std::set<std::string> found;
+        const Json::Value listing = Listing();
+        for (const Json::Value& instance : listing["instances"]) {
+            const std::string side = instance["side"].asString();
+            std::string text = instance["id"].asString() + " " + side;
+            if (side == "user") {
+                text += " " + std::to_string(instance["session"].asUInt());
+            }
+            const int pid = instance["pid"].asInt();
+            if (!instance["running"].asBool() || !Alive(pid)) {
+                text += " (not running)";
+            } else if (side == "elevated" ? UidOf(pid) != static_cast<int>(geteuid()) : UidOf(pid) == 0) {
+                text += " (wrong user)";
+            }
+            found.insert(text);
+        }
+        return found;
+    }
+    std::map<std::string, int> Pids()
+    {
+        std::map<std::string, int> pids;
+        const Json::Value listing = Listing();
+        for (const Json::Value& instance : listing["instances"]) {
+            pids[instance["id"].asString() + " " + instance["side"].asString() + " " +
+                 instance["session"].toStyledString()] = instance["pid"].asInt();
+        }
+        return pids;
+    }
+    bool Become(const std::set<std::string>& expected)
+    {
+        return Eventually([&] { return Instances() == expected; }, 20s);
+    }
+
+    std::string root_;
+    std::unique_ptr<PluginWorld> world_;
+    std::unique_ptr<VEQ::Test::DaemonProcess> daemon_;
+};
+
+TEST_F(VeqdPluginsTest, UserSidePluginsFollowLogInsSwitchesAndLogOffs)
+{
+    world_->AddEmbedded({"Contoso.A", "PluginA"});
+    WritePolicy({});
+    StartDaemon();
+    ASSERT_TRUE(Become({"Contoso.A elevated", "Contoso.A user 7"})) << Text(Listing());
+    const auto first = Pids();
+
+    // Another user logs in at the seat: their session gets the plugin, the first user's stops.
+    PluginWorld::WriteSessions(SessionFile(), 8, kDaemonUser, {{7, kNobody}, {8, kDaemonUser}});
+    ASSERT_TRUE(Become({"Contoso.A elevated", "Contoso.A user 8"})) << Text(Listing());
+    for (const auto& [instance, pid] : first) {
+        EXPECT_EQ(Alive(pid), instance.find("elevated") != std::string::npos) << instance;
+    }
+
+    // They log off, and the seat goes back to the first user.
+    PluginWorld::WriteSessions(SessionFile(), 7, kNobody, {{7, kNobody}});
+    ASSERT_TRUE(Become({"Contoso.A elevated", "Contoso.A user 7"})) << Text(Listing());
+
+    // Everybody logs off: the system side stays.
+    PluginWorld::WriteSessions(SessionFile(), -1, 0, {});
+    ASSERT_TRUE(Become({"Contoso.A elevated"})) << Text(Listing());
+    EXPECT_EQ(Pids().begin()->second, first.begin()->second);
+}
+
+TEST_F(VeqdPluginsTest, PolicyChangesStartAndStopPluginsAndTheListingSaysWhy)
+{
+    world_->AddEmbedded({"Contoso.A", "PluginA"});
+    world_->AddRepository({"Contoso.B", "PluginB"});
+    PluginPolicy policy;
+    policy.enabledPluginType = "none";
+    WritePolicy(policy);
+    StartDaemon();
+    EXPECT_TRUE(Instances().empty());
+
+    policy.enabledPluginType = "all";
+    policy.sides = "elevated";
+    WritePolicy(policy);
+    ASSERT_TRUE(Become({"Contoso.A elevated", "Contoso.B elevated"})) << Text(Listing());
+    const auto running = Pids();
+
+    policy.enabledPluginType = "embedded";
+    policy.controlType = "DenyByDefault";
+    policy.clients.append(PluginWorld::ClientEntry("Contoso.A", "both"));
+    WritePolicy(policy);
+    ASSERT_TRUE(Become({"Contoso.A elevated"})) << Text(Listing());
+    for (const auto& [instance, pid] : running) {
+        EXPECT_EQ(Alive(pid), instance.rfind("Contoso.A", 0) == 0) << instance;
+    }
+    const Json::Value listing = Listing();
+    ASSERT_EQ(listing["plugins"].size(), 1u) << "embedded only: the repository is not looked at";
+    EXPECT_TRUE(listing["plugins"][0]["allowed"].asBool());
+
+    policy.clients[0]["clientOs"] = "macos";
+    WritePolicy(policy);
+    ASSERT_TRUE(Become({})) << Text(Listing());
+    EXPECT_EQ(Listing()["plugins"][0]["whyNot"].asString(), "the policy does not allow it");
+}
+
+TEST_F(VeqdPluginsTest, ABackEndMessageReachesTheUserSideInstanceOfItsTarget)
+{
+    world_->AddEmbedded({"Contoso.A", "PluginA"});
+    WritePolicy({});
+    StartDaemon();
+    const std::string folder = world_->EmbeddedFolder("Contoso.A");
+    ASSERT_TRUE(Eventually([&] { return VEQ::Test::Exists(folder + "/user.report"); }, 20s));
+    ASSERT_TRUE(Eventually([&] { return VEQ::Test::Exists(folder + "/elevated.report"); }, 20s));
+
+    const auto outcome = VEQ::Test::ChildProcess::Run(
+        {VEQCTL_PROGRAM, "--root", root_, "publish", "--topic", "0", "--state", "0", "--action-type", "run",
+         "--message-type", "InvokeCommand", "--payload",
+         R"({"command":"Show-Note","targetId":"Contoso.A","requestId":"42","message_id":"m-1"})"});
+    ASSERT_EQ(outcome.exitCode, 0) << outcome.output;
+    ASSERT_TRUE(Eventually([&] { return VEQ::Test::Exists(folder + "/user.pushes"); }, 10s));
+    std::ifstream pushes(folder + "/user.pushes");
+    std::string line;
+    ASSERT_TRUE(std::getline(pushes, line));
+    Json::Value push;
+    ASSERT_TRUE(Json::Reader().parse(line, push));
+    EXPECT_EQ(push["command"].asString(), "Show-Note");
+    Json::Value fields;
+    ASSERT_TRUE(Json::Reader().parse(push["payload"].asString(), fields));
+    EXPECT_EQ(fields["requestId"].asString(), "42");
+    EXPECT_EQ(fields["message_id"].asString(), "m-1");
+    EXPECT_EQ(fields["isAsync"].asString(), "false");
+    EXPECT_FALSE(VEQ::Test::Exists(folder + "/elevated.pushes"));
+}
+
+}  // namespace
+}  // namespace VEQ
