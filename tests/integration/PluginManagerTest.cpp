@@ -10,6 +10,7 @@
 #include "platform/fs/ProcessDataRoot.h"
 #include "platform/registry/CRegUtil.h"
 #include "platform/string/String.h"
+#include "platform/sync/ManualResetEvent.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/FakeAgents.h"
 #include "tests/support/FileStatus.h"
@@ -443,6 +444,67 @@ TEST_F(PluginManagerTest, TheMessagingPluginStoppingByPolicyTakesItsCachedDigest
     std::wstring etag;
     EXPECT_FALSE(CRegUtil::GetRegValueOfStringType(HKEY_LOCAL_MACHINE, SmartMessageV2Utility::kMessagingPluginKey,
                                                    L"Etag", etag));
+}
+
+TEST_F(PluginManagerTest, RoutingLookupsFindTheInstanceOnTheSideAsked)
+{
+    world_.AddEmbedded({"Contoso.A", "PluginA", "1.0.0.0", true, true, {"Get-Greeting"}});
+    world_.AddEmbedded({"Contoso.S", "PluginS", "1.0.0.0", false, true, {"Get-Greeting"}});
+    Started();
+    ASSERT_EQ(Instances().size(), 3u);
+    const auto lookUp = [&](const std::string& target, const std::string& name, const std::string& command,
+                            ElevationType side) {
+        PluginManager::Message message;
+        message.notification.targetId = target;
+        message.notification.targetName = name;
+        message.notification.command = command;
+        PluginInstanceDetails details;
+        Manager().GetTargetPluginInstanceDetails(message, details, side);
+        return details;
+    };
+
+    // The name says the side when the caller does not.
+    PluginInstanceDetails found = lookUp("contoso.s", "Contoso.S.User", "get-greeting", ElevationType::None);
+    EXPECT_FALSE(found.isPluginFound);
+    found = lookUp("Contoso.S", "Contoso.S.User.System", "Get-Greeting", ElevationType::None);
+    EXPECT_TRUE(found.isPluginFound);
+    EXPECT_EQ(found.elevationType, ElevationType::Elevated);
+    EXPECT_TRUE(found.isCommandFound);
+    EXPECT_EQ(found.pluginName, "PluginS");
+    // Found and running, without the command.
+    found = lookUp("Contoso.A", "Contoso.A", "Get-Weather", ElevationType::Elevated);
+    EXPECT_TRUE(found.isPluginFound && found.isPluginRunning);
+    EXPECT_FALSE(found.isCommandFound);
+    EXPECT_EQ(found.elevationType, ElevationType::Elevated);
+
+    std::wstring resolved;
+    std::vector<ElevationType> sides;
+    ASSERT_TRUE(Manager().TryResolveGetDiagnosticsElevations(L"CONTOSO.A", resolved, sides));
+    EXPECT_EQ(resolved, L"Contoso.A");
+    EXPECT_EQ(sides, (std::vector<ElevationType>{ElevationType::Elevated, ElevationType::User}));
+    std::wstring running;
+    EXPECT_TRUE(Manager().TryGetRunningPluginIdForTarget(L"contoso.s", running));
+    EXPECT_EQ(running, L"Contoso.S");
+    EXPECT_FALSE(Manager().TryGetRunningPluginIdForTarget(L"Contoso.Nobody", running));
+}
+
+TEST_F(PluginManagerTest, ARepositoryPluginThatGoesAwayHandsOverToItsEmbeddedCopy)
+{
+    world_.AddEmbedded({"Contoso.A", "PluginA", "1.0.0.0"});
+    world_.AddRepository({"Contoso.A", "PluginA", "2.0.0.0"});
+    Started();
+    ASSERT_EQ(Instances(), (std::set<std::string>{"Contoso.A elevated Downloaded", "Contoso.A user Downloaded 7"}));
+
+    ManualResetEvent neverStopped;
+    // A stop waits for the plugin to end by itself, which a plugin not yet connected cannot hear.
+    const std::string folder = world_.RepositoryFolder("Contoso.A");
+    for (const std::string& report : {folder + "/elevated.report", folder + "/user.report"}) {
+        ASSERT_TRUE(Eventually([&] { return VEQ::Test::Exists(report); }, 20s)) << report;
+    }
+    EXPECT_TRUE(Manager().shouldEmbeddedPluginStarted(L"contoso.a", &neverStopped));
+    EXPECT_EQ(Instances(), (std::set<std::string>{"Contoso.A elevated Embedded", "Contoso.A user Embedded 7"}));
+    // A plugin without an embedded copy has nothing to hand over to.
+    EXPECT_TRUE(Manager().shouldEmbeddedPluginStarted(L"Contoso.Unknown", &neverStopped));
 }
 
 }  // namespace

@@ -59,6 +59,14 @@ Json::Value PluginWorld::Manifest(const TestPluginSpec& plugin)
     if (plugin.user) {
         manifest["user"]["entry64Path"] = entry;
     }
+    for (const std::string& command : plugin.commands) {
+        Json::Value served;
+        served["command"] = command;
+        served["allowedOriginContextType"] = "any";
+        served["allowedOriginType"] = "any";
+        served["pluginContextType"] = "user,system";
+        manifest["commands"].append(served);
+    }
     return manifest;
 }
 

@@ -18,6 +18,7 @@ struct TestPluginSpec {
     std::string version = "1.0.0.0";  // embedded in its library; empty: none
     bool user = true;                // which manifest blocks it has
     bool system = true;
+    std::vector<std::string> commands = {};  // served on both sides
 };
 
 // The policy's plugin fields; clients are entries made with ClientEntry.
