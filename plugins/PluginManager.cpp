@@ -430,7 +430,8 @@ bool PluginManager::IsPluginAllowedToRun(PluginDetails* details)
                 filters.push_back(ApplicabilityFilter::FromJson(rule));
             }
             const auto evaluator = ApplicabilityEvaluator::GetInstance();
-            allowed = evaluator && evaluator->EvaluateFilters(filters, L"0", {}, evaluator->SetDiscardedReason());
+            // No target version: the rules are about this machine, not about a version of something.
+            allowed = evaluator && evaluator->EvaluateFilters(filters, L"", {}, evaluator->SetDiscardedReason());
         }
         break;
     }

@@ -5,6 +5,7 @@
 #include "plugins/PluginDetailsGenerator.h"
 #include "plugins/PluginManager.h"
 #include "plugins/PluginRepository.h"
+#include "platform/applicability/ApplicabilityEvaluator.h"
 #include "platform/bus/VEQNotificationData.h"
 #include "platform/bus/VEQPublisherSubscriber.h"
 #include "platform/fs/ProcessDataRoot.h"
@@ -505,6 +506,47 @@ TEST_F(PluginManagerTest, ARepositoryPluginThatGoesAwayHandsOverToItsEmbeddedCop
     EXPECT_EQ(Instances(), (std::set<std::string>{"Contoso.A elevated Embedded", "Contoso.A user Embedded 7"}));
     // A plugin without an embedded copy has nothing to hand over to.
     EXPECT_TRUE(Manager().shouldEmbeddedPluginStarted(L"Contoso.Unknown", &neverStopped));
+}
+
+// Holds every rule set but those naming a model, which this machine is not.
+class ModelRefusingEvaluator : public ApplicabilityEvaluator {
+public:
+    bool EvaluateFilters(std::vector<ApplicabilityFilter> filters, const std::wstring& /*targetVersion*/,
+                         const std::vector<KeyValuePair>& /*tags*/, std::wstring& reason) override
+    {
+        for (const ApplicabilityFilter& filter : filters) {
+            if (!filter.model.empty()) {
+                reason = L"model";
+                return false;
+            }
+        }
+        return true;
+    }
+};
+
+TEST_F(PluginManagerTest, RulesThatDoNotHoldKeepAPluginOutAndStopItWhenTheyStopHolding)
+{
+    PlatformServices services;
+    services.configAgent = policy_;
+    services.applicabilityEvaluator = std::make_shared<ModelRefusingEvaluator>();
+    PlatformSettings settings = Platform::Settings();
+    root_.Reinstall(services, settings);
+    world_.AddEmbedded({"Contoso.A", "PluginA"});
+    world_.AddEmbedded({"Contoso.B", "PluginB"});
+    PluginPolicy policy;
+    policy.clients.append(ClientEntry("Contoso.A", "elevated"));
+    policy.clients.append(ClientEntry("Contoso.B", "elevated"));
+    Json::Value rule;
+    rule["os"] = "linux";
+    policy.clients[0]["clientRules"].append(rule);
+    SetPolicy(policy);
+    Started();
+    EXPECT_EQ(Instances(), (std::set<std::string>{"Contoso.A elevated Embedded", "Contoso.B elevated Embedded"}));
+
+    rule["model"] = "Other 9000";
+    policy.clients[0]["clientRules"][0] = rule;
+    PolicyChanged(policy);
+    EXPECT_EQ(Instances(), (std::set<std::string>{"Contoso.B elevated Embedded"}));
 }
 
 }  // namespace
