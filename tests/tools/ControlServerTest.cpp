@@ -4,7 +4,9 @@
 #include "daemon/ControlServer.h"
 
 #include "platform/bus/VEQPublisherSubscriber.h"
+#include "platform/string/String.h"
 #include "platform/transport/ClientConnection.h"
+#include "platform/transport/WireCodec.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/FileStatus.h"
 #include "tests/support/TempRoot.h"
@@ -23,6 +25,7 @@ using namespace std::chrono_literals;
 using Tavrin::Veq::ClientBroker::ClientConnection;
 using Tavrin::Veq::ClientBroker::Message;
 using Tavrin::Veq::ClientBroker::Result;
+using Tavrin::Veq::ClientBroker::WireCodec;
 using VEQ::Test::ChildOutcome;
 using VEQ::Test::ChildProcess;
 
@@ -178,6 +181,80 @@ TEST_F(ControlServerTest, VeqctlPublishesThroughItAndExitsZero)
     ASSERT_EQ(extensionEvents.size(), 1u) << extension.output;
     EXPECT_TRUE(extensionEvents[0].isExtensionNotification());
     EXPECT_EQ(extensionEvents[0].getTopic(), L"app/d/sdk.app");
+}
+
+TEST_F(ControlServerTest, VeqctlFieldsSetStringMembersOfAJsonObjectPayloadOrAreUsageErrors)
+{
+    struct Row {
+        const char* name;
+        std::vector<std::string> arguments;  // after publish
+        int expectedExit;
+        // The payload on the bus: JSON compared as a value when fields were given, else as text.
+        std::string expectedPayload;
+        bool compareAsJson = true;
+        // The usage error names this.
+        std::string mention;
+    };
+    const auto usage = [](const char* name, std::vector<std::string> arguments, std::string mention) {
+        Row row{name, std::move(arguments), 2, ""};
+        row.mention = std::move(mention);
+        return row;
+    };
+    const std::vector<std::string> numbered = {"--topic", "0", "--state", "0"};
+    const auto with = [&numbered](std::vector<std::string> more) {
+        std::vector<std::string> arguments = numbered;
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        return arguments;
+    };
+    const std::vector<Row> rows = {
+        {"an InvokeCommand message from fields alone",
+         with({"--message-type", "InvokeCommand", "--action-type", "run", "--field", "command=Get-Status", "--field",
+               "targetId=p.one", "--field", "requestId=42", "--field", "message_id=m-1", "--field", "isAsync=true"}),
+         0, R"({"command":"Get-Status","targetId":"p.one","requestId":"42","message_id":"m-1","isAsync":"true"})"},
+        {"fields added to --payload, a number overwritten as text",
+         with({"--payload", R"({"requestId":7,"keep":[1,{"x":null}]})", "--field", "requestId=42", "--field",
+               "message_id=m-1"}),
+         0, R"({"requestId":"42","keep":[1,{"x":null}],"message_id":"m-1"})"},
+        {"the name ends at the first '=', and an empty value stays",
+         with({"--field", "query=a=b c", "--field", "empty="}), 0, R"({"query":"a=b c","empty":""})"},
+        {"the last of two fields of one name wins", with({"--field", "isAsync=false", "--field", "isAsync=true"}), 0,
+         R"({"isAsync":"true"})"},
+        {"quotes, backslashes and UTF-8 travel as text", with({"--field", R"(text=say "hi" \ grüß)"}), 0,
+         R"({"text":"say \"hi\" \\ grüß"})"},
+        {"an extension message from fields",
+         {"--extension", "--mqtt-topic", "app/d/sdk.app", "--field", "text=hello"}, 0, R"({"text":"hello"})"},
+        {"without fields the payload goes as typed", with({"--payload", "not JSON {"}), 0, "not JSON {", false},
+        usage("a field without '='", with({"--field", "command"}), "NAME=VALUE"),
+        usage("a field without a name", with({"--field", "=value"}), "non-empty NAME"),
+        usage("fields on a JSON array", with({"--payload", "[1]", "--field", "a=b"}), "not one"),
+        usage("fields on an empty --payload", with({"--payload", "", "--field", "a=b"}), "not one"),
+        usage("fields on an object with text after it", with({"--payload", R"({"a":"1"} x)", "--field", "b=c"}),
+              "not one"),
+        usage("two words after one --field", with({"--field", "a=1", "b=2"}), "b=2"),
+    };
+    for (const Row& row : rows) {
+        std::vector<std::string> arguments = {"--root", root_.PathUtf8(), "publish"};
+        arguments.insert(arguments.end(), row.arguments.begin(), row.arguments.end());
+        const ChildOutcome outcome = Veqctl(arguments);
+        const auto events = bus_.Take();
+        EXPECT_EQ(outcome.exitCode, row.expectedExit) << row.name << ": " << outcome.output;
+        if (row.expectedExit != 0) {
+            EXPECT_NE(outcome.output.find(row.mention), std::string::npos) << row.name << ": " << outcome.output;
+            EXPECT_TRUE(events.empty()) << row.name << ": a wrong command line reached the bus";
+            continue;
+        }
+        ASSERT_EQ(events.size(), 1u) << row.name << ": " << outcome.output;
+        const std::string payload = String::UTF16ToUTF8(events[0].getPayload());
+        if (!row.compareAsJson) {
+            EXPECT_EQ(payload, row.expectedPayload) << row.name;
+            continue;
+        }
+        std::string error;
+        const auto actual = WireCodec::ParseObject(payload, error);
+        const auto expected = WireCodec::ParseObject(row.expectedPayload, error);
+        ASSERT_TRUE(actual && expected) << row.name << ": " << payload;
+        EXPECT_EQ(*actual, *expected) << row.name << ": " << payload;
+    }
 }
 
 TEST_F(ControlServerTest, TheSocketIsPrivateToTheServicesUserEvenOverAStaleFile)

@@ -5,7 +5,9 @@
 #include "tools/veqctl/ExitCode.h"
 
 #include <CLI/CLI.hpp>
+#include <json/json.h>
 
+#include <memory>
 #include <ostream>
 
 namespace Veq::Tools {
@@ -16,7 +18,16 @@ PublishCommand::PublishCommand(CLI::App& app, const CommonOptions& common) : com
         "publish", "Put an event on the service's bus through its control socket (as the service's own user)");
     topicOption_ = subcommand_->add_option("--topic", event_.topic, "The event's topic number, e.g. 30 for packages");
     stateOption_ = subcommand_->add_option("--state", event_.state, "The event's state number, e.g. 300 installed");
-    subcommand_->add_option("--payload", event_.payload, "The event's payload text, often a JSON object");
+    payloadOption_ =
+        subcommand_->add_option("--payload", event_.payload, "The event's payload text, often a JSON object");
+    // One NAME=VALUE per --field: a stray word after it is an error, not another field. The name
+    // ends at the first '=', so a value may hold '=' too.
+    subcommand_
+        ->add_option("--field", fields_,
+                     "Set the payload's top-level member NAME to the string VALUE (repeatable); the payload is then "
+                     "a JSON object: --payload's, or {} without it")
+        ->type_name("NAME=VALUE")
+        ->allow_extra_args(false);
     subcommand_->add_flag("--extension", event_.extension,
                           "A message as if it came in from the MQTT connection (needs --mqtt-topic)");
     subcommand_->add_option("--mqtt-topic", event_.mqttTopic, "The MQTT topic of an extension event");
@@ -41,9 +52,17 @@ int PublishCommand::Run(std::ostream& out, std::ostream& err) const
         err << "veqctl publish: --extension needs --mqtt-topic, the topic the message came in on\n";
         return kUsage;
     }
+    std::string payloadError;
+    const std::optional<std::string> payload = Payload(payloadError);
+    if (!payload) {
+        err << "veqctl publish: " << payloadError << "\n";
+        return kUsage;
+    }
+    Sdk::ControlEvent event = event_;
+    event.payload = *payload;
     Sdk::ControlClient client(Sdk::DataRoot::Resolve(common_.root), common_.Timeout());
     Sdk::ControlClient::Result result;
-    if (auto error = client.Publish(event_, result)) {
+    if (auto error = client.Publish(event, result)) {
         err << "veqctl: " << error.Message() << "\n";
         return ExitCodes::For(error.Code());
     }
@@ -53,6 +72,42 @@ int PublishCommand::Run(std::ostream& out, std::ostream& err) const
         return kRejected;
     }
     return kDone;
+}
+
+std::optional<std::string> PublishCommand::Payload(std::string& error) const
+{
+    if (fields_.empty()) {
+        return event_.payload;  // sent as typed, JSON or not
+    }
+    Json::Value object(Json::objectValue);
+    if (payloadOption_->count() > 0) {
+        // Stricter than the service's reader: text after the object would be lost when the object
+        // is written out again, and the user would not see the event they typed.
+        Json::CharReaderBuilder builder;
+        builder["failIfExtra"] = true;
+        const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+        const std::string& text = event_.payload;
+        std::string parseErrors;
+        bool parsed = false;
+        try {
+            parsed = reader->parse(text.data(), text.data() + text.size(), &object, &parseErrors);
+        } catch (const Json::Exception&) {
+            // nested past the reader's limit: no object we could use either
+        }
+        if (!parsed || !object.isObject()) {
+            error = "--field sets members of a JSON object, and --payload is not one: " + text;
+            return std::nullopt;
+        }
+    }
+    for (const std::string& field : fields_) {
+        const std::size_t equals = field.find('=');
+        if (equals == std::string::npos || equals == 0) {
+            error = "--field takes NAME=VALUE with a non-empty NAME, not \"" + field + "\"";
+            return std::nullopt;
+        }
+        object[field.substr(0, equals)] = field.substr(equals + 1);
+    }
+    return Tavrin::Veq::ClientBroker::WireCodec::Write(object);
 }
 
 }  // namespace Veq::Tools
