@@ -17,6 +17,7 @@
 #include "tests/support/FileStatus.h"
 #include "tests/support/PluginWorld.h"
 #include "tests/support/TempRoot.h"
+#include "tests/support/WhatRunsRows.h"
 
 #include <gtest/gtest.h>
 
@@ -171,78 +172,11 @@ protected:
     PluginManager* manager_ = nullptr;
 };
 
-struct WhatRunsRow {
-    const char* what;
-    std::vector<TestPluginSpec> embedded;
-    std::vector<TestPluginSpec> repository;
-    PluginPolicy policy;
-    std::set<std::string> expected;
-    std::vector<std::string> locked = {};
-    std::vector<std::string> uninstalling = {};
-};
-
 TEST_F(PluginManagerTest, WhatRunsWhereFollowsThePolicyThePluginsAndTheirVersions)
 {
-    const TestPluginSpec a{"Contoso.A", "PluginA"};
-    const TestPluginSpec b{"Contoso.B", "PluginB"};
-    const TestPluginSpec userOnly{"Contoso.U", "PluginU", "1.0.0.0", true, false};
-    PluginPolicy denyAOnly;
-    denyAOnly.controlType = "DenyByDefault";
-    denyAOnly.clients.append(ClientEntry("Contoso.A", "both"));
-    PluginPolicy none;
-    none.enabledPluginType = "none";
-    PluginPolicy noSide;
-    noSide.sides = "neither";
-    PluginPolicy denyNoClients;
-    denyNoClients.controlType = "DenyByDefault";
-    PluginPolicy embeddedOnly;
-    embeddedOnly.enabledPluginType = "embedded";
-    PluginPolicy otherOs;
-    otherOs.clients.append(ClientEntry("Contoso.A", "both", "linux"));
-    PluginPolicy userSide;
-    userSide.sides = "user";
-    PluginPolicy elevatedSide;
-    elevatedSide.sides = "elevated";
-    PluginPolicy entryUser;
-    entryUser.clients.append(ClientEntry("Contoso.A", "user"));
-    PluginPolicy entryBothForUserOnly;
-    entryBothForUserOnly.clients.append(ClientEntry("Contoso.U", "both"));
-    PluginPolicy entryOtherCase;  // allowed by the entry, sides left to the manifest
-    entryOtherCase.controlType = "DenyByDefault";
-    entryOtherCase.clients.append(ClientEntry("contoso.u", "elevated"));
-
-    const std::vector<WhatRunsRow> rows = {
-        {"plugins off", {a}, {}, none, {}},
-        {"no side", {a}, {}, noSide, {}},
-        {"deny by default without clients", {a}, {}, denyNoClients, {}},
-        {"all", {a}, {b}, {}, {"Contoso.A elevated Embedded", "Contoso.A user Embedded 7",
-                              "Contoso.B elevated Downloaded", "Contoso.B user Downloaded 7"}},
-        {"embedded only", {a}, {b}, embeddedOnly, {"Contoso.A elevated Embedded", "Contoso.A user Embedded 7"}},
-        {"install lock", {a, b}, {}, {}, {"Contoso.B elevated Embedded", "Contoso.B user Embedded 7"}, {"Contoso.A"}},
-        {"uninstall pending", {a, b}, {}, {}, {"Contoso.B elevated Embedded", "Contoso.B user Embedded 7"}, {},
-         {"Contoso.A"}},
-        {"entry for another OS", {a}, {}, otherOs, {}},
-        {"deny by default, one entry", {a, b}, {}, denyAOnly, {"Contoso.A elevated Embedded", "Contoso.A user Embedded 7"}},
-        {"repository newer", {{"Contoso.A", "PluginA", "1.0.0.0"}}, {{"Contoso.A", "PluginA", "2.0.0.0"}}, {},
-         {"Contoso.A elevated Downloaded", "Contoso.A user Downloaded 7"}},
-        {"versions equal", {{"Contoso.A", "PluginA", "2.0.0.0"}}, {{"Contoso.A", "PluginA", "2.0.0.0"}}, {},
-         {"Contoso.A elevated Embedded", "Contoso.A user Embedded 7"}},
-        {"embedded newer", {{"Contoso.A", "PluginA", "3.0.0.0"}}, {{"Contoso.A", "PluginA", "2.0.0.0"}}, {},
-         {"Contoso.A elevated Embedded", "Contoso.A user Embedded 7"}},
-        {"repository version unreadable", {{"Contoso.A", "PluginA", "1.0.0.0"}}, {{"Contoso.A", "PluginA", ""}}, {},
-         {"Contoso.A elevated Embedded", "Contoso.A user Embedded 7"}},
-        {"user side only", {a}, {}, userSide, {"Contoso.A user Embedded 7"}},
-        {"elevated side only", {a}, {}, elevatedSide, {"Contoso.A elevated Embedded"}},
-        {"entry's side decides", {a}, {}, entryUser, {"Contoso.A user Embedded 7"}},
-        {"entry overrides the manifest", {userOnly}, {}, entryBothForUserOnly,
-         {"Contoso.U elevated Embedded", "Contoso.U user Embedded 7"}},
-        {"entry in other letters allows, manifest decides", {userOnly}, {}, entryOtherCase, {"Contoso.U user Embedded 7"}},
-    };
-    for (const WhatRunsRow& row : rows) {
+    for (const VEQ::Test::WhatRunsRow& row : VEQ::Test::WhatRunsRows()) {
         SCOPED_TRACE(row.what);
-        fs::remove_all(root_.BelowUtf8("system/EmbeddedPlugins"));
-        fs::remove_all(root_.BelowUtf8("system/resources"));
-        fs::remove_all(root_.BelowUtf8("common/plugin-repository"));
+        world_.Clear();
         for (const TestPluginSpec& plugin : row.embedded) {
             world_.AddEmbedded(plugin);
         }

@@ -7,6 +7,7 @@
 #include "tests/support/Eventually.h"
 #include "tests/support/FileStatus.h"
 #include "tests/support/PluginWorld.h"
+#include "tests/support/WhatRunsRows.h"
 
 #include <gtest/gtest.h>
 #include <json/json.h>
@@ -107,7 +108,7 @@ protected:
         return listing;
     }
 
-    // The instances `veqctl plugins` lists, as "id side [session]", each checked against its process:
+    // The instances `veqctl plugins` lists, as "id side source [session]", each checked against its process:
     // alive, and run by the user its side says.
     std::set<std::string> Instances()
     {
@@ -115,7 +116,7 @@ protected:
         const Json::Value listing = Listing();
         for (const Json::Value& instance : listing["instances"]) {
             const std::string side = instance["side"].asString();
-            std::string text = instance["id"].asString() + " " + side;
+            std::string text = instance["id"].asString() + " " + side + " " + instance["source"].asString();
             if (side == "user") {
                 text += " " + std::to_string(instance["session"].asUInt());
             }
@@ -149,28 +150,52 @@ protected:
     std::unique_ptr<VEQ::Test::DaemonProcess> daemon_;
 };
 
+// Rows that need the service's own hand (an installation's lock, an uninstall) are the manager
+// test's: nothing outside the service can make them.
+TEST_F(VeqdPluginsTest, WhatRunsWhereRowByRow)
+{
+    for (const VEQ::Test::WhatRunsRow& row : VEQ::Test::WhatRunsRows()) {
+        if (!row.locked.empty() || !row.uninstalling.empty()) {
+            continue;
+        }
+        SCOPED_TRACE(row.what);
+        world_->Clear();
+        for (const auto& plugin : row.embedded) {
+            world_->AddEmbedded(plugin);
+        }
+        for (const auto& plugin : row.repository) {
+            world_->AddRepository(plugin);
+        }
+        WritePolicy(row.policy);
+        // The service is ready once its first launch pass is done.
+        StartDaemon();
+        EXPECT_EQ(Instances(), row.expected) << Text(Listing());
+        daemon_.reset();
+    }
+}
+
 TEST_F(VeqdPluginsTest, UserSidePluginsFollowLogInsSwitchesAndLogOffs)
 {
     world_->AddEmbedded({"Contoso.A", "PluginA"});
     WritePolicy({});
     StartDaemon();
-    ASSERT_TRUE(Become({"Contoso.A elevated", "Contoso.A user 7"})) << Text(Listing());
+    ASSERT_TRUE(Become({"Contoso.A elevated Embedded", "Contoso.A user Embedded 7"})) << Text(Listing());
     const auto first = Pids();
 
     // Another user logs in at the seat: their session gets the plugin, the first user's stops.
     PluginWorld::WriteSessions(SessionFile(), 8, kDaemonUser, {{7, kNobody}, {8, kDaemonUser}});
-    ASSERT_TRUE(Become({"Contoso.A elevated", "Contoso.A user 8"})) << Text(Listing());
+    ASSERT_TRUE(Become({"Contoso.A elevated Embedded", "Contoso.A user Embedded 8"})) << Text(Listing());
     for (const auto& [instance, pid] : first) {
         EXPECT_EQ(Alive(pid), instance.find("elevated") != std::string::npos) << instance;
     }
 
     // They log off, and the seat goes back to the first user.
     PluginWorld::WriteSessions(SessionFile(), 7, kNobody, {{7, kNobody}});
-    ASSERT_TRUE(Become({"Contoso.A elevated", "Contoso.A user 7"})) << Text(Listing());
+    ASSERT_TRUE(Become({"Contoso.A elevated Embedded", "Contoso.A user Embedded 7"})) << Text(Listing());
 
     // Everybody logs off: the system side stays.
     PluginWorld::WriteSessions(SessionFile(), -1, 0, {});
-    ASSERT_TRUE(Become({"Contoso.A elevated"})) << Text(Listing());
+    ASSERT_TRUE(Become({"Contoso.A elevated Embedded"})) << Text(Listing());
     EXPECT_EQ(Pids().begin()->second, first.begin()->second);
 }
 
@@ -187,14 +212,14 @@ TEST_F(VeqdPluginsTest, PolicyChangesStartAndStopPluginsAndTheListingSaysWhy)
     policy.enabledPluginType = "all";
     policy.sides = "elevated";
     WritePolicy(policy);
-    ASSERT_TRUE(Become({"Contoso.A elevated", "Contoso.B elevated"})) << Text(Listing());
+    ASSERT_TRUE(Become({"Contoso.A elevated Embedded", "Contoso.B elevated Downloaded"})) << Text(Listing());
     const auto running = Pids();
 
     policy.enabledPluginType = "embedded";
     policy.controlType = "DenyByDefault";
     policy.clients.append(PluginWorld::ClientEntry("Contoso.A", "both"));
     WritePolicy(policy);
-    ASSERT_TRUE(Become({"Contoso.A elevated"})) << Text(Listing());
+    ASSERT_TRUE(Become({"Contoso.A elevated Embedded"})) << Text(Listing());
     for (const auto& [instance, pid] : running) {
         EXPECT_EQ(Alive(pid), instance.rfind("Contoso.A", 0) == 0) << instance;
     }

@@ -110,6 +110,14 @@ void PluginWorld::RemoveRepository(const std::string& id)
     fs::remove_all(root_ + "/common/plugin-repository/" + id);
 }
 
+void PluginWorld::Clear()
+{
+    embedded_.clear();
+    fs::remove_all(root_ + "/system/EmbeddedPlugins");
+    fs::remove_all(root_ + "/system/resources");
+    fs::remove_all(root_ + "/common/plugin-repository");
+}
+
 Json::Value PluginWorld::PolicyDocument(const PluginPolicy& policy)
 {
     Json::Value entry;

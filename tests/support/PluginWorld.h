@@ -40,6 +40,8 @@ public:
     // Adds a plugin to the repository: its signed folder and its manifest in a signed envelope.
     void AddRepository(const TestPluginSpec& plugin);
     void RemoveRepository(const std::string& id);
+    // Takes every plugin away, embedded and repository.
+    void Clear();
 
     // The folder of a plugin's entry, where the test plugin writes its reports.
     std::string EmbeddedFolder(const std::string& id) const;
