@@ -207,45 +207,6 @@ TEST_F(PluginManagerTest, WhatRunsWhereFollowsThePolicyThePluginsAndTheirVersion
     }
 }
 
-TEST_F(PluginManagerTest, EachPolicyChangeStopsAndStartsExactlyTheInstancesItConcerns)
-{
-    world_.AddEmbedded({"Contoso.A", "PluginA"});
-    world_.AddRepository({"Contoso.B", "PluginB"});
-    PluginPolicy policy;
-    policy.clients.append(ClientEntry("Contoso.A", "both"));
-    SetPolicy(policy);
-    Started();
-    const auto before = Pids();
-    ASSERT_EQ(before.size(), 4u);
-
-    // Nothing that decides what runs changed: the same policy, then only a new permission.
-    PolicyChanged(policy);
-    EXPECT_EQ(Pids(), before);
-    policy.clients[0]["clientPermissions"].append("configure");
-    PolicyChanged(policy);
-    EXPECT_EQ(Pids(), before);
-
-    // From all to embedded: the repository plugin goes, the embedded one stays as it was.
-    policy.enabledPluginType = "embedded";
-    PolicyChanged(policy);
-    EXPECT_EQ(Instances(), (std::set<std::string>{"Contoso.A elevated Embedded", "Contoso.A user Embedded 7"}));
-    EXPECT_EQ(Pids()["Contoso.A elevated Embedded"], before.at("Contoso.A elevated Embedded"));
-
-    // An entry whose side is no side stops the plugin on both, and nothing starts it again.
-    policy.enabledPluginType = "all";
-    policy.clients[0]["clientElevation"] = "sideways";
-    PolicyChanged(policy);
-    EXPECT_EQ(Instances(), (std::set<std::string>{"Contoso.B elevated Downloaded", "Contoso.B user Downloaded 7"}));
-
-    // No side at all: everything stops.
-    policy.sides = "none";
-    PolicyChanged(policy);
-    EXPECT_TRUE(Instances().empty());
-    for (const auto& [instance, pid] : before) {
-        EXPECT_NE(kill(pid, 0), 0) << instance << " still runs";
-    }
-}
-
 TEST_F(PluginManagerTest, UserSidePluginsFollowTheActiveSession)
 {
     world_.AddEmbedded({"Contoso.A", "PluginA"});

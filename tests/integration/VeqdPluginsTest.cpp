@@ -233,7 +233,63 @@ TEST_F(VeqdPluginsTest, PolicyChangesStartAndStopPluginsAndTheListingSaysWhy)
     EXPECT_EQ(Listing()["plugins"][0]["whyNot"].asString(), "the policy does not allow it");
 }
 
-TEST_F(VeqdPluginsTest, ABackEndMessageReachesTheUserSideInstanceOfItsTarget)
+TEST_F(VeqdPluginsTest, APolicyChangeStopsAndStartsOnlyWhatItConcerns)
+{
+    world_->AddEmbedded({"Contoso.A", "PluginA"});
+    world_->AddRepository({"Contoso.B", "PluginB"});
+    PluginPolicy policy;
+    // A hears of every applied change: that tells when the service is done with one.
+    policy.clients.append(PluginWorld::ClientEntry("Contoso.A", "both", "windows", {"configure"}));
+    WritePolicy(policy);
+    StartDaemon();
+    ASSERT_TRUE(Become({"Contoso.A elevated Embedded", "Contoso.A user Embedded 7", "Contoso.B elevated Downloaded",
+                        "Contoso.B user Downloaded 7"}))
+        << Text(Listing());
+    const std::string pushes = world_->EmbeddedFolder("Contoso.A") + "/elevated.pushes";
+    ASSERT_TRUE(Eventually([&] { return VEQ::Test::Exists(world_->EmbeddedFolder("Contoso.A") + "/elevated.report"); }, 20s));
+    const auto configPushes = [&] {
+        std::ifstream file(pushes);
+        int count = 0;
+        for (std::string line; std::getline(file, line);) {
+            count += line.find("Receive-DeviceConfig") != std::string::npos ? 1 : 0;
+        }
+        return count;
+    };
+    const auto before = Pids();
+
+    // Only a permission changes: nothing stops, nothing starts, and the service says so.
+    policy.clients[0]["clientPermissions"].append("read");
+    WritePolicy(policy);
+    ASSERT_TRUE(Eventually([&] { return configPushes() == 1; }, 10s));
+    EXPECT_EQ(Pids(), before);
+    std::ifstream log(root_ + "/log/PluginManager.log");
+    const std::string logged((std::istreambuf_iterator<char>(log)), {});
+    EXPECT_NE(logged.find("Plugin already running with the updated enabledtype, control type and elevation state"),
+              std::string::npos);
+
+    // All to embedded: the repository plugin goes, the embedded one is left as it runs.
+    policy.enabledPluginType = "embedded";
+    WritePolicy(policy);
+    ASSERT_TRUE(Become({"Contoso.A elevated Embedded", "Contoso.A user Embedded 7"})) << Text(Listing());
+    for (const auto& [instance, pid] : before) {
+        EXPECT_EQ(Alive(pid), instance.rfind("Contoso.A", 0) == 0) << instance;
+    }
+
+    // An entry whose side is no side stops its plugin everywhere, and it stays stopped.
+    policy.clients[0]["clientElevation"] = "sideways";
+    WritePolicy(policy);
+    ASSERT_TRUE(Become({})) << Text(Listing());
+
+    // Back, then no side for anyone: everything stops at once.
+    policy.clients[0]["clientElevation"] = "both";
+    WritePolicy(policy);
+    ASSERT_TRUE(Become({"Contoso.A elevated Embedded", "Contoso.A user Embedded 7"})) << Text(Listing());
+    policy.sides = "none";
+    WritePolicy(policy);
+    ASSERT_TRUE(Become({})) << Text(Listing());
+}
+
+TEST_F(VeqdPluginsTest, BackEndMessagesAndServiceEventsReachThePluginsTheyConcern)
 {
     world_->AddEmbedded({"Contoso.A", "PluginA"});
     WritePolicy({});
@@ -260,6 +316,37 @@ TEST_F(VeqdPluginsTest, ABackEndMessageReachesTheUserSideInstanceOfItsTarget)
     EXPECT_EQ(fields["message_id"].asString(), "m-1");
     EXPECT_EQ(fields["isAsync"].asString(), "false");
     EXPECT_FALSE(VEQ::Test::Exists(folder + "/elevated.pushes"));
+
+    // Service events: a package status once per change, then the loss of the registration,
+    // which also takes the messaging plugin's cached digest.
+    const std::string digest = root_ + "/plugin-data/46C44A27-EAAD-4593-9AA0-8FA0F87BF955/digestv2.json.signed";
+    std::filesystem::create_directories(std::filesystem::path(digest).parent_path());
+    std::ofstream(digest) << "{}";
+    const std::string package = R"({"packageId":"P1","packageVersion":"2","installationTrigger":"user"})";
+    for (const auto& [topic, state] : std::vector<std::pair<int, int>>{{30, 311}, {30, 311}, {30, 300}, {2, 12}, {6, 0}}) {
+        const auto published = VEQ::Test::ChildProcess::Run({VEQCTL_PROGRAM, "--root", root_, "publish", "--topic",
+                                                             std::to_string(topic), "--state", std::to_string(state),
+                                                             "--payload", package});
+        ASSERT_EQ(published.exitCode, 0) << published.output;
+    }
+    const auto lines = [&](const std::string& command) {
+        std::ifstream file(folder + "/elevated.pushes");
+        std::vector<Json::Value> found;
+        for (std::string text; std::getline(file, text);) {
+            Json::Value value;
+            if (Json::Reader().parse(text, value) && value["command"].asString() == command) {
+                found.push_back(value);
+            }
+        }
+        return found;
+    };
+    ASSERT_TRUE(Eventually([&] { return lines("networkVEQStatusUpdate").size() == 1; }, 10s));
+    const auto statuses = lines("Receive-PackageInstallStatus");
+    ASSERT_EQ(statuses.size(), 2u);
+    EXPECT_NE(statuses[1]["payload"].asString().find("\"installed\""), std::string::npos);
+    ASSERT_EQ(lines("registerVEQStatusUpdate").size(), 1u);
+    EXPECT_EQ(lines("registerVEQStatusUpdate")[0]["payload"].asString(), "unregistered");
+    EXPECT_FALSE(VEQ::Test::Exists(digest));
 }
 
 }  // namespace
