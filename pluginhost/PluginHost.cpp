@@ -213,11 +213,9 @@ int PluginHost::LoadAndStart(const Identity& identity)
     api_.side = identity.side.c_str();
     callbacks_ = veq_plugin_callbacks{};
     callbacks_.size = sizeof(callbacks_);
-    int refused = 0;
-    {
-        CallbackScope scope;
-        refused = start(&api_, &callbacks_);
-    }
+    // Not a callback: it runs on this thread while the connection thread takes the replies, so
+    // the plugin may ask the service from here.
+    const int refused = start(&api_, &callbacks_);
     if (refused != 0) {
         log_.e(L"%s: %s refused to start (%d)", kClass, path, refused);
         return kPluginRefused;

@@ -6,9 +6,10 @@
  * objects of the command protocol (docs/protocol.md: Message, Result, Notification). The ABI only
  * grows: new members go at the end of the structs, whose first member says their size.
  *
- * Threads: the host calls the plugin's callbacks on its connection thread, one at a time; the
- * plugin may call send() from any thread but not from inside a callback (it would wait for
- * itself; send() then fails with VEQ_ERROR_IN_CALLBACK).
+ * Threads: the host calls veq_plugin_start on its main thread, and the plugin's callbacks on its
+ * connection thread, one at a time; the plugin may call send() from any thread, veq_plugin_start
+ * included, but not from inside a callback (it would wait for itself; send() then fails with
+ * VEQ_ERROR_IN_CALLBACK).
  */
 #ifndef VEQ_PLUGIN_H
 #define VEQ_PLUGIN_H

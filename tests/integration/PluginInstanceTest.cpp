@@ -154,6 +154,15 @@ TEST_F(PluginInstanceTest, AnElevatedPluginLearnsWhoItIsAndStopsWhenAsked)
     EXPECT_FALSE(Exists(root_.BelowUtf8("common/Hosts/x64/HelloPlugin.exe"))) << "the copy goes with its instance";
 }
 
+TEST_F(PluginInstanceTest, APluginMayAskTheServiceFromItsEntry)
+{
+    const PluginDetails details = InstallPlugin("Contoso.Eager", "EagerPlugin");
+    Start(details, ElevationType::Elevated);
+    const std::string answer = PluginFolder("Contoso.Eager") + "/elevated.eager";
+    ASSERT_TRUE(Eventually([&] { return Exists(answer) && !ReadReport(answer).empty(); }, 20s));
+    EXPECT_TRUE(ReadReport(answer)[0]["isSuccess"].asBool()) << "send from the entry failed";
+}
+
 TEST_F(PluginInstanceTest, AUserSidePluginRunsAsTheSessionsUser)
 {
     if (geteuid() != 0) {

@@ -4,6 +4,7 @@
 //   ...Stubborn... ignores "StopPlugin" (its stop takes two minutes);
 //   ...Forks...    starts a child that sleeps, and writes its pid to <side>.child;
 //   ...Bench...    asks one command and renames "<side>.first" into its folder when it is answered;
+//   ...Eager...    asks "Get-VeqStatus" from its entry itself and writes the answer to <side>.eager;
 //   anything else  asks the service who it is, and writes what it learnt to
 //                  <its folder>/<side>.report, and "<side>.stopped" there when it stops.
 // Every plugin appends each push it receives, one line of JSON, to <its folder>/<side>.pushes.
@@ -86,6 +87,9 @@ void OnStop(void* raw)
 extern "C" VEQ_PLUGIN_EXPORT int veq_plugin_start(const veq_host_api* host, veq_plugin_callbacks* callbacks)
 {
     const std::string name = host->plugin_name;
+    if (name.find("Eager") != std::string::npos) {
+        Append(std::string(host->plugin_directory) + "/" + host->side + ".eager", Ask(host, "Get-VeqStatus", "{}"));
+    }
     if (name.find("Refuses") != std::string::npos) {
         return 7;
     }
