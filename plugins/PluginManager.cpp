@@ -340,6 +340,8 @@ void PluginManager::LaunchPlugin(PluginDetails* const details, bool isUserModeOn
     log.d(L"%s: PluginManager: currentUserSessionId=%d", function, sessionId);
 
     std::lock_guard<std::recursive_mutex> lock(installedPluginsMutex_);  // guards brokerContext_
+    // No stop may be half done while this decides whether an instance runs.
+    std::lock_guard<std::recursive_mutex> stopLock(stopMutex_);
     if (IsUserModePluginAllowedToRun(details, policy.elevationType)) {
         brokerContext_.setElevationType(ElevationType::User);
         if (!isUserModeInstanceAlreadyRunning(pluginId, sessionId)) {
@@ -367,15 +369,42 @@ void PluginManager::AddInstance(PluginInstance* instance)
     if (instance == nullptr) {
         return;
     }
-    std::lock_guard<std::recursive_mutex> lock(instancesMutex_);
-    // A stop that came while the host started has already swept the list: this one must not outlive it.
-    if (serviceStopReceived_) {
-        instance->Suspend(false);
-        delete instance;
-        return;
+    {
+        std::lock_guard<std::recursive_mutex> lock(instancesMutex_);
+        // A stop that came while the host started has already swept the list: this one must not
+        // outlive it.
+        if (!serviceStopReceived_) {
+            log.d(L"%s: PluginManager: AddPluginId=%s", L"VEQ::PluginManager::LaunchPlugin", instance->getPluginID());
+            pluginInstances_.push_back(instance);
+            return;
+        }
     }
-    log.d(L"%s: PluginManager: AddPluginId=%s", L"VEQ::PluginManager::LaunchPlugin", instance->getPluginID());
-    pluginInstances_.push_back(instance);
+    StopAndDelete(instance, false);
+}
+
+std::vector<PluginInstance*> PluginManager::TakeInstances(const std::function<bool(PluginInstance*)>& stops)
+{
+    std::vector<PluginInstance*> taken;
+    std::lock_guard<std::recursive_mutex> lock(instancesMutex_);
+    std::erase_if(pluginInstances_, [&](PluginInstance* instance) {
+        if (!stops(instance)) {
+            return false;
+        }
+        taken.push_back(instance);
+        return true;
+    });
+    return taken;
+}
+
+void PluginManager::StopAndDelete(PluginInstance* instance, bool waitForExit)
+{
+    instance->Suspend(waitForExit);
+    {
+        // Someone may still be waiting for this plugin's answer; a stopped broker ends that wait.
+        std::unique_lock<std::mutex> lock(pinMutex_);
+        unpinned_.wait(lock, [&] { return pins_.count(instance) == 0; });
+    }
+    delete instance;
 }
 
 bool PluginManager::isUserModeInstanceAlreadyRunning(const std::wstring& pluginId, uint32_t sessionId)
@@ -611,23 +640,23 @@ void PluginManager::StopPluginRunningWithUnSupportedElevation()
         return;
     }
     const ElevationType unsupported = elevation == ElevationType::User ? ElevationType::Elevated : ElevationType::User;
-    std::lock_guard<std::recursive_mutex> lock(instancesMutex_);
-    for (auto it = pluginInstances_.begin(); it != pluginInstances_.end();) {
-        PluginInstance* instance = *it;
+    std::lock_guard<std::recursive_mutex> stopLock(stopMutex_);
+    size_t count = 0;
+    {
+        std::lock_guard<std::recursive_mutex> lock(instancesMutex_);
+        count = pluginInstances_.size();
+    }
+    const auto taken = TakeInstances([&](PluginInstance* instance) {
         log.d(L"%s: Check if the plugin %s is running with elevation %s unsupported elevation = %s, NoOfPlugins %d",
-              function, instance->getPluginID(), SideText(instance->getElevationType()), SideText(unsupported),
-              pluginInstances_.size());
-        if (instance->getElevationType() != unsupported) {
-            ++it;
-            continue;
-        }
+              function, instance->getPluginID(), SideText(instance->getElevationType()), SideText(unsupported), count);
+        return instance->getElevationType() == unsupported;
+    });
+    for (PluginInstance* instance : taken) {
         log.d(L"%s: Stop request received for pluginId=%s running with elevation = %s", function,
               instance->getPluginID(), SideText(instance->getElevationType()));
-        instance->Suspend(false);
-        delete instance;
-        it = pluginInstances_.erase(it);
+        StopAndDelete(instance, false);
     }
-    log.d(L"%s: %d Plugins remaining in running conditions", function, pluginInstances_.size());
+    log.d(L"%s: %d Plugins remaining in running conditions", function, count - taken.size());
 }
 
 void PluginManager::StopDownloadedPluginsIfRunning()
@@ -665,21 +694,15 @@ void PluginManager::StopPluginInstanceWithElevation(const std::wstring& pluginId
 {
     const wchar_t* function = L"VEQ::PluginManager::StopPluginInstanceWithElevation";
     log.d(L"%s: Called: pluginId=%s", function, pluginId);
-    bool removed = false;
-    std::lock_guard<std::recursive_mutex> lock(instancesMutex_);
-    for (auto it = pluginInstances_.begin(); it != pluginInstances_.end();) {
-        PluginInstance* instance = *it;
-        if (instance->getElevationType() != elevation || !String::CaseInsesitiveEqual(instance->getPluginID(), pluginId)) {
-            ++it;
-            continue;
-        }
+    std::lock_guard<std::recursive_mutex> stopLock(stopMutex_);
+    const auto taken = TakeInstances([&](PluginInstance* instance) {
+        return instance->getElevationType() == elevation && String::CaseInsesitiveEqual(instance->getPluginID(), pluginId);
+    });
+    for (PluginInstance* instance : taken) {
         log.d(L"%s: Stop request received for pluginId=%s and elevation = %s", function, pluginId, SideText(elevation));
-        instance->Suspend(false);
-        delete instance;
-        it = pluginInstances_.erase(it);
-        removed = true;
+        StopAndDelete(instance, false);
     }
-    if (removed) {
+    if (!taken.empty()) {
         log.d(L"%s: Exit: pluginId=%s", function, pluginId);
     }
 }
@@ -687,17 +710,12 @@ void PluginManager::StopPluginInstanceWithElevation(const std::wstring& pluginId
 void PluginManager::StopPluginInstanceForAllElevations(const std::wstring& pluginId, bool waitForExit)
 {
     const wchar_t* function = L"VEQ::PluginManager::StopPluginInstanceForAllElevations";
-    std::lock_guard<std::recursive_mutex> lock(instancesMutex_);
-    for (auto it = pluginInstances_.begin(); it != pluginInstances_.end();) {
-        PluginInstance* instance = *it;
-        if (!String::CaseInsesitiveEqual(instance->getPluginID(), pluginId)) {
-            ++it;
-            continue;
-        }
+    std::lock_guard<std::recursive_mutex> stopLock(stopMutex_);
+    const auto taken = TakeInstances(
+        [&](PluginInstance* instance) { return String::CaseInsesitiveEqual(instance->getPluginID(), pluginId); });
+    for (PluginInstance* instance : taken) {
         log.d(L"%s: Stop request received for pluginId=%s", function, pluginId);
-        instance->Suspend(waitForExit);
-        delete instance;
-        it = pluginInstances_.erase(it);
+        StopAndDelete(instance, waitForExit);
     }
 }
 
@@ -705,38 +723,33 @@ void PluginManager::Suspend(bool isUserModeOnly, uint32_t sessionId, bool isLogO
 {
     const wchar_t* function = L"VEQ::PluginManager::Suspend";
     log.d(L"%s: Init: isUserModeOnly=%d, sessionId=%d", function, isUserModeOnly ? 1 : 0, sessionId);
-    std::lock_guard<std::recursive_mutex> lock(instancesMutex_);
-    const auto stopOne = [this, isUserModeOnly, sessionId, isLogOff](PluginInstance* instance) {
-        if (isUserModeOnly) {
-            if (instance->getElevationType() != ElevationType::User) {
-                return false;
-            }
-            IPluginHostProcess* host = instance->getPluginHostProcess();
-            const bool sameSession = host != nullptr && host->GetUserSessionId() == sessionId;
-            if (isLogOff != sameSession) {
-                return false;
-            }
-            log.d(isLogOff ? L"%s: Suspending user mode plugin for current user because of log off"
-                           : L"%s: Suspending user mode plugin for user other than current active user",
-                  L"VEQ::PluginManager::Suspend");
+    std::lock_guard<std::recursive_mutex> stopLock(stopMutex_);
+    const auto taken = TakeInstances([&](PluginInstance* instance) {
+        if (!isUserModeOnly) {
+            return true;
         }
-        instance->Suspend(false);
-        delete instance;
+        if (instance->getElevationType() != ElevationType::User) {
+            return false;
+        }
+        IPluginHostProcess* host = instance->getPluginHostProcess();
+        const bool sameSession = host != nullptr && host->GetUserSessionId() == sessionId;
+        if (isLogOff != sameSession) {
+            return false;
+        }
+        log.d(isLogOff ? L"%s: Suspending user mode plugin for current user because of log off"
+                       : L"%s: Suspending user mode plugin for user other than current active user",
+              function);
         return true;
-    };
+    });
     // One thread per instance, so that the grace periods of their stops overlap.
-    std::vector<std::future<bool>> stops;
-    stops.reserve(pluginInstances_.size());
-    for (PluginInstance* instance : pluginInstances_) {
-        stops.push_back(std::async(std::launch::async, stopOne, instance));
+    std::vector<std::future<void>> stops;
+    stops.reserve(taken.size());
+    for (PluginInstance* instance : taken) {
+        stops.push_back(std::async(std::launch::async, [this, instance] { StopAndDelete(instance, false); }));
     }
-    std::vector<PluginInstance*> kept;
-    for (size_t i = 0; i < stops.size(); ++i) {
-        if (!stops[i].get()) {
-            kept.push_back(pluginInstances_[i]);
-        }
+    for (auto& stop : stops) {
+        stop.get();
     }
-    pluginInstances_.swap(kept);
     log.d(L"%s: Exit: isUserModeOnly=%d", function, isUserModeOnly ? 1 : 0);
 }
 
@@ -985,14 +998,33 @@ bool PluginManager::NotifyPluginAndWaitForResponse(std::string pluginId, const E
                                                    Message& request, Result& response)
 {
     const std::wstring wanted = String::UTF8ToUTF16(pluginId);
-    std::lock_guard<std::recursive_mutex> lock(instancesMutex_);
-    for (PluginInstance* instance : pluginInstances_) {
-        if (String::CaseInsesitiveEqual(instance->getPluginID(), wanted) &&
-            (elevation == ElevationType::None || instance->getElevationType() == elevation)) {
-            return instance->notifyPluginAndWaitForResponse(request, response);
+    PluginInstance* target = nullptr;
+    {
+        std::lock_guard<std::recursive_mutex> lock(instancesMutex_);
+        for (PluginInstance* instance : pluginInstances_) {
+            if (String::CaseInsesitiveEqual(instance->getPluginID(), wanted) &&
+                (elevation == ElevationType::None || instance->getElevationType() == elevation)) {
+                target = instance;
+                break;
+            }
+        }
+        if (target == nullptr) {
+            return false;
+        }
+        std::lock_guard<std::mutex> pinLock(pinMutex_);
+        ++pins_[target];
+    }
+    // The list is not held while the plugin answers: the plugin may ask another plugin in turn,
+    // and a stop may take this one away meanwhile; the pin keeps it until this call is done.
+    const bool answered = target->notifyPluginAndWaitForResponse(request, response);
+    {
+        std::lock_guard<std::mutex> pinLock(pinMutex_);
+        if (--pins_[target] == 0) {
+            pins_.erase(target);
         }
     }
-    return false;
+    unpinned_.notify_all();
+    return answered;
 }
 
 bool PluginManager::GetTargetPluginInstanceDetails(const Message& message, PluginInstanceDetails& details,

@@ -4,9 +4,11 @@
 // the service's events to plugins (docs/plugins.md, docs/events.md).
 //
 // Locks, always taken in this order: configChangeMutex_, then installedPluginsMutex_ or
-// uninstallMutex_, then instancesMutex_, then policyMutex_ (a leaf: held only to copy or store
-// the policy fields). The three middle ones are recursive, because a stop inside a launch
-// re-enters them.
+// uninstallMutex_, then stopMutex_, then instancesMutex_, then pinMutex_ or policyMutex_ (leaves).
+// The recursive ones are, because a stop inside a launch re-enters them. stopMutex_ is held by
+// whatever starts or stops instances, for as long as that takes; instancesMutex_ only while the
+// list is read or changed, never while a plugin stops: a stopping broker waits for its worker,
+// which may be asking this manager something.
 
 #include "broker/BrokerContext.h"
 #include "broker/PluginInstanceDetails.h"
@@ -20,6 +22,8 @@
 #include <json/json.h>
 
 #include <atomic>
+#include <condition_variable>
+#include <functional>
 #include <cstdint>
 #include <list>
 #include <mutex>
@@ -118,6 +122,9 @@ private:
 
     PluginInstance* StartPluginInstance(PluginDetails details, BrokerContext brokerContext);
     void AddInstance(PluginInstance* instance);
+    // Takes the instances for which stops is true out of the list.
+    std::vector<PluginInstance*> TakeInstances(const std::function<bool(PluginInstance*)>& stops);
+    void StopAndDelete(PluginInstance* instance, bool waitForExit);
     bool isUserModeInstanceAlreadyRunning(const std::wstring& pluginId, uint32_t sessionId);
     void StopPluginRunningWithUnsupportedClientContext();
     void StopPluginInstanceForAllElevations(const std::wstring& pluginId, bool waitForExit);
@@ -143,6 +150,11 @@ private:
     std::recursive_mutex instancesMutex_;
     std::recursive_mutex uninstallMutex_;
     std::recursive_mutex installedPluginsMutex_;
+    std::recursive_mutex stopMutex_;
+    // Instances someone waits on for an answer, and how many wait; they are deleted only when none does.
+    std::mutex pinMutex_;
+    std::condition_variable unpinned_;
+    std::unordered_map<PluginInstance*, int> pins_;
     std::mutex configChangeMutex_;
     std::mutex policyMutex_;
     Policy policy_;
