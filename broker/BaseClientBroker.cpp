@@ -389,11 +389,19 @@ void BaseClientBroker::ClearThreadsWithStatusReady()
     }
 }
 
+// A command for another client: a plugin of that id first, then an app. The route runs on this
+// worker and has no limit of its own: the sender waits for the target's answer.
 void BaseClientBroker::HandleTargetedRequest(Message& received)
 {
     HandleTargetedRequestHelper helper(&log);
     Result result;
     PluginInstanceDetails details;
+    if (helper.HandleTargetedPluginRequest(received, result, brokerContext, clientContext, &details, 0,
+                                           ElevationType::None) ||
+        helper.HandleTargetedAppRequest(received, result, brokerContext, clientContext, 0)) {
+        SendUnderLock(result);
+        return;
+    }
     helper.BuildTargetErrorResult(received, details, result, kBrokerSource);
     SendUnderLock(result);
     log.e(L"%s the command couldn't be sent error: %s ", L"VEQ::BaseClientBroker::HandleTargetedRequest",
