@@ -8,6 +8,7 @@
 #include "tests/support/FileStatus.h"
 #include "tests/support/PluginWorld.h"
 #include "tests/support/WhatRunsRows.h"
+#include "sdk/AppClient.h"
 
 #include <gtest/gtest.h>
 #include <json/json.h>
@@ -347,6 +348,87 @@ TEST_F(VeqdPluginsTest, BackEndMessagesAndServiceEventsReachThePluginsTheyConcer
     ASSERT_EQ(lines("registerVEQStatusUpdate").size(), 1u);
     EXPECT_EQ(lines("registerVEQStatusUpdate")[0]["payload"].asString(), "unregistered");
     EXPECT_FALSE(VEQ::Test::Exists(digest));
+}
+
+// An app on the elevated side of the service on root.
+std::unique_ptr<Veq::Sdk::AppClient> ConnectedApp(const std::string& root, const std::string& id)
+{
+    Veq::Sdk::AppClientOptions options;
+    options.dataRoot = root;
+    options.side = Veq::Sdk::Side::Elevated;
+    options.extensionId = id;
+    options.extensionName = id + " app";
+    options.timeout = 10s;
+    options.autoReconnect = false;
+    auto app = std::make_unique<Veq::Sdk::AppClient>(options);
+    if (auto error = app->Connect()) {
+        ADD_FAILURE() << "the app could not connect: " << error.Message();
+        return nullptr;
+    }
+    return app;
+}
+
+TEST_F(VeqdPluginsTest, AnAppReachesAPluginByIdAndHearsWhyWhenItCannot)
+{
+    world_->AddEmbedded({"Contoso.A", "PluginA", "1.0.0.0", false, true, {"Get-Greeting", "Get-Failure"}});
+    PluginPolicy policy;
+    policy.sides = "elevated";
+    WritePolicy(policy);
+    StartDaemon();
+    ASSERT_TRUE(Eventually([&] { return VEQ::Test::Exists(world_->EmbeddedFolder("Contoso.A") + "/elevated.report"); }, 20s));
+    auto app = ConnectedApp(root_, "Contoso.Caller");
+    ASSERT_TRUE(app);
+
+    struct Row {
+        const char* what;
+        std::string target;
+        std::string command;
+        bool success;
+        int32_t code;
+        std::string text;
+    };
+    const std::vector<Row> rows = {
+        {"the plugin answers", "contoso.a", "get-greeting", true, 0, ""},
+        {"the plugin's failure is its own", "Contoso.A", "Get-Failure", false, -1, ""},
+        {"nobody of that id", "Contoso.Nobody", "Get-Greeting", false, 17002,
+         "The target with targetId:Contoso.Nobody targetName:The Nobody was not found in the list of installed plugins "
+         "or running apps"},
+        {"a command the plugin does not declare", "Contoso.A", "Get-Weather", false, 17004,
+         "The command requested:Get-Weather is not supported by plugin with targetId : Contoso.A targetName:The Nobody, "
+         "and no app with this ID was found to handle the command"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        Veq::Sdk::AppClient::Result result;
+        ASSERT_FALSE(app->Send(row.command, R"({"say":"hi"})", result, row.target, "The Nobody"));
+        EXPECT_EQ(result.isSuccess, row.success);
+        if (row.code > 0) {
+            EXPECT_EQ(result.message.statusCode, row.code);
+            EXPECT_EQ(result.message.statusText, row.text);
+            continue;
+        }
+        // The plugin's reply, stamped as the plugin's; the plugin saw who asked.
+        EXPECT_EQ(result.message.senderId, "Contoso.A");
+        EXPECT_EQ(result.message.senderName, "PluginA");
+        // The side is named only when the sender named one (in the target's name, or as a side).
+        EXPECT_EQ(result.message.senderElevation, "None");
+        Json::Value seen;
+        ASSERT_TRUE(Json::Reader().parse(result.message.notification.payload, seen));
+        EXPECT_EQ(seen["say"].asString(), "hi");
+        EXPECT_EQ(seen["sender_id"].asString(), "Contoso.Caller");
+        EXPECT_EQ(seen["sender_name"].asString(), "Contoso.Caller app");
+    }
+
+    // A plugin whose host died stays listed until it is next stopped: it is found, but not running.
+    const Json::Value listing = Listing();
+    ASSERT_EQ(listing["instances"].size(), 1u);
+    ::kill(listing["instances"][0]["pid"].asInt(), SIGKILL);
+    ASSERT_TRUE(Eventually([&] { return !Listing()["instances"][0]["running"].asBool(); }, 10s));
+    Veq::Sdk::AppClient::Result result;
+    ASSERT_FALSE(app->Send("Get-Greeting", "{}", result, "Contoso.A", "A"));
+    EXPECT_EQ(result.message.statusCode, 17003);
+    EXPECT_EQ(result.message.statusText, "The target with targetId:Contoso.A targetName:A was found as a plugin but is "
+                                         "not running, and no app with this ID was found");
 }
 
 }  // namespace

@@ -7,13 +7,16 @@
 //   ...Eager...    asks "Get-VeqStatus" from its entry itself and writes the answer to <side>.eager;
 //   anything else  asks the service who it is, and writes what it learnt to
 //                  <its folder>/<side>.report, and "<side>.stopped" there when it stops.
-// Every plugin appends each push it receives, one line of JSON, to <its folder>/<side>.pushes.
+// Every plugin appends each push it receives, one line of JSON, to <its folder>/<side>.pushes, and
+// answers each request routed to it with the request itself as its reply's message (so the sender
+// sees what the plugin received), a failure when the command's name holds "Fail".
 
 #include "sdk/plugin/veq_plugin.h"
 
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <thread>
 #include <sys/resource.h>
@@ -69,6 +72,18 @@ void OnPush(void* raw, const char* notification)
     Append(state->folder + "/" + state->side + ".pushes", notification);
 }
 
+char* OnRequest(void* /*state*/, const char* message)
+{
+    const std::string request = message;
+    const bool fail = request.find("Fail") != std::string::npos;
+    const std::string reply = std::string("{\"isSuccess\":") + (fail ? "false" : "true") + ",\"message\":" + request + "}";
+    char* copy = static_cast<char*>(std::malloc(reply.size() + 1));
+    if (copy != nullptr) {
+        std::memcpy(copy, reply.c_str(), reply.size() + 1);
+    }
+    return copy;
+}
+
 void OnStop(void* raw)
 {
     auto* state = static_cast<State*>(raw);
@@ -114,6 +129,7 @@ extern "C" VEQ_PLUGIN_EXPORT int veq_plugin_start(const veq_host_api* host, veq_
     state->worker = std::thread(Work, state);
     callbacks->state = state;
     callbacks->on_push = OnPush;
+    callbacks->on_request = OnRequest;
     callbacks->on_stop = OnStop;
     return 0;
 }
