@@ -1,5 +1,6 @@
 #include "daemon/ControlServer.h"
 
+#include "broker/GetDiagnosticsCommandHandler.h"
 #include "module/ExtensionModule.h"
 
 #include "platform/Platform.h"
@@ -11,7 +12,9 @@
 #include "platform/transport/ZmqServerEndpoint.h"
 #include "sdk/ControlProtocol.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <future>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
@@ -45,6 +48,19 @@ ControlServer::Result Answer(const ControlServer::Message& request, bool success
     result.message.statusSource = ControlServer::kStatusSource;
     result.message.statusText = statusText;
     return result;
+}
+
+Json::Value DiagnosticsJson(const GetDiagnosticsCommandHandler::DiagnosticsOperationResult& result, ElevationType side)
+{
+    Json::Value entry(Json::objectValue);
+    entry["pluginId"] = String::UTF16ToUTF8(result.targetId);
+    entry["side"] = side == ElevationType::Elevated ? "elevated" : side == ElevationType::User ? "user" : "none";
+    entry["delivered"] = result.delivered;
+    entry["timeout"] = result.timeout;
+    entry["success"] = result.success;
+    entry["deleteFilesOnUpload"] = result.deleteFilesOnUpload;
+    entry["folder"] = String::UTF16ToUTF8(result.folder);
+    return entry;
 }
 
 ControlServer::Result BadRequest(const ControlServer::Message& request, const std::string& statusText)
@@ -191,6 +207,9 @@ ControlServer::Result ControlServer::Handle(const Message& request)
     if (request.notification.command == Protocol::kListPluginsCommand) {
         return ListPlugins(request);
     }
+    if (request.notification.command == Protocol::kCollectDiagnosticsCommand) {
+        return CollectDiagnostics(request);
+    }
     return Answer(request, false, kNotSupportedStatus, kNotSupportedText);
 }
 
@@ -255,6 +274,73 @@ ControlServer::Result ControlServer::ListPlugins(const Message& request)
     writer["indentation"] = "";
     Result result = Answer(request, true, 0, "");
     result.message.notification.payload = Json::writeString(writer, manager->Describe());
+    return result;
+}
+
+// The host's side of diagnostics: which plugins and sides to ask is decided here, and each is
+// asked through the module, all at once, so that the whole takes one plugin's wait at most.
+ControlServer::Result ControlServer::CollectDiagnostics(const Message& request)
+{
+    std::string parseError;
+    const auto body = WireCodec::ParseObject(request.notification.payload, parseError);
+    if (!body) {
+        return BadRequest(request, "The payload of \"Collect-Diagnostics\" is not a JSON object: " + parseError);
+    }
+    const Json::Value& folder = (*body)["folder"];
+    const Json::Value& plugin = (*body)["plugin"];
+    if (!folder.isString() || folder.asString().empty() || folder.asString().front() != '/') {
+        return BadRequest(request, "\"folder\" is required: an absolute path");
+    }
+    if (!plugin.isNull() && (!plugin.isString() || plugin.asString().empty())) {
+        return BadRequest(request, "\"plugin\" must be a plugin id");
+    }
+    PluginManager* manager = ExtensionModule::GetInstance()->GetPluginManager();
+    if (manager == nullptr) {
+        return Answer(request, false, kNotSupportedStatus, "the service runs without plugins");
+    }
+    std::vector<std::wstring> ids;
+    if (plugin.isString()) {
+        ids.push_back(String::UTF8ToUTF16(plugin.asString()));
+    } else {
+        const Json::Value description = manager->Describe();
+        for (const Json::Value& instance : description["instances"]) {
+            const std::wstring id = String::UTF8ToUTF16(instance["id"].asString());
+            if (instance["running"].asBool() && std::find(ids.begin(), ids.end(), id) == ids.end()) {
+                ids.push_back(id);
+            }
+        }
+    }
+    using Handler = GetDiagnosticsCommandHandler;
+    const std::wstring target = String::UTF8ToUTF16(folder.asString());
+    std::vector<std::future<Handler::DiagnosticsOperationResult>> asked;
+    std::vector<ElevationType> sides;
+    Json::Value results(Json::arrayValue);
+    for (const std::wstring& id : ids) {
+        std::wstring canonical;
+        std::vector<ElevationType> elevations;
+        if (!Handler::TryResolveGetDiagnosticsElevations(id, canonical, elevations)) {
+            Handler::DiagnosticsOperationResult none;
+            none.targetId = id;
+            none.folder = target;
+            results.append(DiagnosticsJson(none, ElevationType::None));
+            continue;
+        }
+        for (ElevationType side : elevations) {
+            sides.push_back(side);
+            asked.push_back(std::async(std::launch::async, [canonical, target, side] {
+                return Handler::SendDiagnosticCommandToTargets(canonical, target, side);
+            }));
+        }
+    }
+    for (size_t i = 0; i < asked.size(); ++i) {
+        results.append(DiagnosticsJson(asked[i].get(), sides[i]));
+    }
+    Json::Value answer(Json::objectValue);
+    answer["results"] = results;
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "";
+    Result result = Answer(request, true, 0, "");
+    result.message.notification.payload = Json::writeString(writer, answer);
     return result;
 }
 

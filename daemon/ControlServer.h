@@ -46,6 +46,7 @@ private:
     static Result Handle(const Message& request);
     static Result PublishEvent(const Message& request);
     static Result ListPlugins(const Message& request);
+    static Result CollectDiagnostics(const Message& request);
 
     const std::wstring configuredRoot_;
     mutable std::mutex mutex_;  // guards Start and Stop

@@ -57,6 +57,18 @@ Error ControlClient::ListPlugins(Result& result)
     return Exchange(ControlProtocol::kListPluginsCommand, "{}", result);
 }
 
+Error ControlClient::CollectDiagnostics(const std::string& pluginId, const std::string& folder, Result& result)
+{
+    Json::Value request(Json::objectValue);
+    request["folder"] = folder;
+    if (!pluginId.empty()) {
+        request["plugin"] = pluginId;
+    }
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "";
+    return Exchange(ControlProtocol::kCollectDiagnosticsCommand, Json::writeString(writer, request), result);
+}
+
 Error ControlClient::Exchange(const char* command, const std::string& payload, Result& result)
 {
     // Checked once rather than waited for: a missing control socket means the service is not there.

@@ -22,6 +22,8 @@ public:
     Error Publish(const ControlEvent& event, Result& result);
     // Sends "List-Plugins": the result's payload is the JSON object of ControlProtocol.h.
     Error ListPlugins(Result& result);
+    // Sends "Collect-Diagnostics" for one plugin (pluginId not empty) or all running ones.
+    Error CollectDiagnostics(const std::string& pluginId, const std::string& folder, Result& result);
 
     const std::string& SocketPath() const { return path_; }
     // The request's payload for event.

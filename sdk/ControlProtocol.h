@@ -15,12 +15,22 @@
 //    "instances": [{"id", "source", "side": "user"|"elevated", "session": int|null, "pid": int,
 //                   "running": bool}]}
 // as the plugin manager sees them: the plugins of its last discovery, the instances it owns.
+//
+// Request: command "Collect-Diagnostics", payload {"folder": string (required, absolute),
+// "plugin": string (optional: one plugin id; absent: every running plugin)}. The service asks each
+// plugin, on each side it runs on, for its diagnostics (at most 30 s, all at once) and answers
+// isSuccess true with the payload
+//   {"results": [{"pluginId", "side": "elevated"|"user", "delivered": bool, "timeout": bool,
+//                 "success": bool, "deleteFilesOnUpload": bool, "folder"}]}
+// where a plugin asked for by id that does not run gives one result with "side" "none" and every
+// flag false but deleteFilesOnUpload. isSuccess false with statusCode 400 for bad input.
 
 namespace Veq::Sdk::ControlProtocol {
 
 inline constexpr const char* kSocketName = "control";
 inline constexpr const char* kPublishEventCommand = "Publish-Event";
 inline constexpr const char* kListPluginsCommand = "List-Plugins";
+inline constexpr const char* kCollectDiagnosticsCommand = "Collect-Diagnostics";
 
 inline constexpr const char* kTopic = "topic";
 inline constexpr const char* kState = "state";

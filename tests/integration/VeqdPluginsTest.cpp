@@ -17,6 +17,7 @@
 #include <filesystem>
 #include <fstream>
 #include <set>
+#include <sstream>
 #include <sys/stat.h>
 
 namespace VEQ {
@@ -429,6 +430,64 @@ TEST_F(VeqdPluginsTest, AnAppReachesAPluginByIdAndHearsWhyWhenItCannot)
     EXPECT_EQ(result.message.statusCode, 17003);
     EXPECT_EQ(result.message.statusText, "The target with targetId:Contoso.A targetName:A was found as a plugin but is "
                                          "not running, and no app with this ID was found");
+}
+
+// Takes the 30 s wait for the slow plugin once.
+TEST_F(VeqdPluginsTest, DiagnosticsAreCollectedFromEveryPluginAndSideSlower)
+{
+    const std::vector<std::string> commands = {"Get-Diagnostics"};
+    world_->AddEmbedded({"Diag.Keep", "DiagKeepPlugin", "1.0.0.0", true, true, commands});
+    world_->AddEmbedded({"Diag.Drop", "DiagDropPlugin", "1.0.0.0", false, true, commands});
+    world_->AddEmbedded({"Diag.Text", "DiagTextPlugin", "1.0.0.0", false, true, commands});
+    world_->AddEmbedded({"Diag.Slow", "DiagSlowPlugin", "1.0.0.0", false, true, commands});
+    world_->AddEmbedded({"Diag.Mute", "MutePlugin", "1.0.0.0", false, true, {}});
+    WritePolicy({});
+    StartDaemon();
+    ASSERT_TRUE(Become({"Diag.Keep elevated Embedded", "Diag.Keep user Embedded 7", "Diag.Drop elevated Embedded",
+                        "Diag.Text elevated Embedded", "Diag.Slow elevated Embedded", "Diag.Mute elevated Embedded"}));
+    for (const std::string id : {"Diag.Keep", "Diag.Drop", "Diag.Text", "Diag.Slow", "Diag.Mute"}) {
+        ASSERT_TRUE(Eventually([&] { return VEQ::Test::Exists(world_->EmbeddedFolder(id) + "/elevated.report"); }, 20s));
+    }
+    ASSERT_TRUE(Eventually([&] { return VEQ::Test::Exists(world_->EmbeddedFolder("Diag.Keep") + "/user.report"); }, 20s));
+
+    const std::string folder = root_ + "/diagnostics";
+    const auto outcome =
+        VEQ::Test::ChildProcess::Run({VEQCTL_PROGRAM, "--root", root_, "diagnostics", "--folder", folder});
+    // The plugin that does not declare the command is running and was not reached.
+    EXPECT_EQ(outcome.exitCode, 7) << outcome.output;
+    std::map<std::string, Json::Value> results;
+    std::istringstream lines(outcome.output);
+    for (std::string line; std::getline(lines, line);) {
+        Json::Value entry;
+        if (Json::Reader().parse(line, entry) && entry.isObject()) {
+            results[entry["pluginId"].asString() + " " + entry["side"].asString()] = entry;
+        }
+    }
+    struct Expected {
+        bool delivered, timeout, success, deleteFilesOnUpload;
+    };
+    const std::map<std::string, Expected> expected = {
+        {"Diag.Keep elevated", {true, false, true, true}},  {"Diag.Keep user", {true, false, true, true}},
+        {"Diag.Drop elevated", {true, false, true, false}}, {"Diag.Text elevated", {true, false, false, true}},
+        {"Diag.Slow elevated", {false, true, false, true}}, {"Diag.Mute elevated", {false, false, false, true}},
+    };
+    ASSERT_EQ(results.size(), expected.size()) << outcome.output;
+    for (const auto& [key, want] : expected) {
+        SCOPED_TRACE(key);
+        const Json::Value& got = results[key];
+        EXPECT_EQ(got["delivered"].asBool(), want.delivered);
+        EXPECT_EQ(got["timeout"].asBool(), want.timeout);
+        EXPECT_EQ(got["success"].asBool(), want.success);
+        EXPECT_EQ(got["deleteFilesOnUpload"].asBool(), want.deleteFilesOnUpload);
+        EXPECT_EQ(got["folder"].asString(), folder);
+    }
+
+    // Nobody of that id: nothing is asked and nothing fails.
+    const auto nobody = VEQ::Test::ChildProcess::Run(
+        {VEQCTL_PROGRAM, "--root", root_, "diagnostics", "--plugin", "Diag.Nobody", "--folder", folder});
+    EXPECT_EQ(nobody.exitCode, 0) << nobody.output;
+    EXPECT_NE(nobody.output.find(R"("delivered":false,"folder")"), std::string::npos) << nobody.output;
+    EXPECT_NE(nobody.output.find(R"("side":"none")"), std::string::npos) << nobody.output;
 }
 
 }  // namespace

@@ -5,6 +5,9 @@
 //   ...Forks...    starts a child that sleeps, and writes its pid to <side>.child;
 //   ...Bench...    asks one command and renames "<side>.first" into its folder when it is answered;
 //   ...Eager...    asks "Get-VeqStatus" from its entry itself and writes the answer to <side>.eager;
+//   ...DiagKeep..., ...DiagDrop..., ...DiagText..., ...DiagSlow... answer "Get-Diagnostics" with
+//                  success and "TRUE" as a string, success and false, a payload that is no JSON,
+//                  and success after 31 s;
 //   anything else  asks the service who it is, and writes what it learnt to
 //                  <its folder>/<side>.report, and "<side>.stopped" there when it stops.
 // Every plugin appends each push it receives, one line of JSON, to <its folder>/<side>.pushes, and
@@ -72,16 +75,47 @@ void OnPush(void* raw, const char* notification)
     Append(state->folder + "/" + state->side + ".pushes", notification);
 }
 
-char* OnRequest(void* /*state*/, const char* message)
+char* Copy(const std::string& text)
 {
-    const std::string request = message;
-    const bool fail = request.find("Fail") != std::string::npos;
-    const std::string reply = std::string("{\"isSuccess\":") + (fail ? "false" : "true") + ",\"message\":" + request + "}";
-    char* copy = static_cast<char*>(std::malloc(reply.size() + 1));
+    char* copy = static_cast<char*>(std::malloc(text.size() + 1));
     if (copy != nullptr) {
-        std::memcpy(copy, reply.c_str(), reply.size() + 1);
+        std::memcpy(copy, text.c_str(), text.size() + 1);
     }
     return copy;
+}
+
+// Its answer to "Get-Diagnostics", by its name; empty for plugins that echo it as any request.
+std::string DiagnosticsPayload(const std::string& name)
+{
+    if (name.find("DiagKeep") != std::string::npos) {
+        return R"({\"status\":\"SUCCESS\",\"deleteFilesOnUpload\":\"TRUE\"})";
+    }
+    if (name.find("DiagDrop") != std::string::npos) {
+        return R"({\"status\":\"success\",\"deleteFilesOnUpload\":false})";
+    }
+    if (name.find("DiagText") != std::string::npos) {
+        return "collected, no JSON here";
+    }
+    if (name.find("DiagSlow") != std::string::npos) {
+        std::this_thread::sleep_for(std::chrono::seconds(31));
+        return R"({\"status\":\"success\"})";
+    }
+    return "";
+}
+
+char* OnRequest(void* raw, const char* message)
+{
+    const auto* state = static_cast<State*>(raw);
+    const std::string request = message;
+    if (request.find("\"Get-Diagnostics\"") != std::string::npos) {
+        const std::string payload = DiagnosticsPayload(state->host->plugin_name);
+        if (!payload.empty()) {
+            return Copy(R"({"isSuccess":true,"message":{"notification":{"command":"Get-Diagnostics","payload":")" +
+                        payload + "\"}}}");
+        }
+    }
+    const bool fail = request.find("Fail") != std::string::npos;
+    return Copy(std::string("{\"isSuccess\":") + (fail ? "false" : "true") + ",\"message\":" + request + "}");
 }
 
 void OnStop(void* raw)

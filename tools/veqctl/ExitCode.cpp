@@ -37,7 +37,8 @@ const char* ExitCodes::Help()
            "     handshake, or the service went away\n"
            "  4  the service refused the connection (e.g. too many connections from one process)\n"
            "  5  connected, but no result (send) or not all pushes (listen --count) within the timeout\n"
-           "  6  publish: the service did not accept the event\n";
+           "  6  publish, plugins, diagnostics: the service did not accept the request\n"
+           "  7  diagnostics: a running plugin was not reached\n";
 }
 
 }  // namespace Veq::Tools

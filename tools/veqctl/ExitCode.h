@@ -14,6 +14,7 @@ enum ExitCode : int {
     kRefused = 4,      // the service refused the connection
     kTimedOut = 5,     // connected, but the result or the pushes did not come within the timeout
     kRejected = 6,     // publish: the service did not accept the event
+    kNotReached = 7,   // diagnostics: a running plugin was not reached
 };
 
 class ExitCodes {

@@ -1,6 +1,7 @@
 // veqctl: a command line to the service, built on the app SDK.
 
 #include "tools/veqctl/CommonOptions.h"
+#include "tools/veqctl/DiagnosticsCommand.h"
 #include "tools/veqctl/ExitCode.h"
 #include "tools/veqctl/ListenCommand.h"
 #include "tools/veqctl/PluginsCommand.h"
@@ -26,6 +27,7 @@ int main(int argc, char** argv)
     ListenCommand listen(app, common);
     PublishCommand publish(app, common);
     PluginsCommand plugins(app, common);
+    DiagnosticsCommand diagnostics(app, common);
 
     try {
         app.parse(argc, argv);
@@ -44,6 +46,9 @@ int main(int argc, char** argv)
         }
         if (plugins.Selected()) {
             return plugins.Run(std::cout, std::cerr);
+        }
+        if (diagnostics.Selected()) {
+            return diagnostics.Run(std::cout, std::cerr);
         }
     } catch (const std::exception& failure) {
         std::cerr << "veqctl: " << failure.what() << "\n";
