@@ -2,6 +2,7 @@
 // off through the session file, policy changes through the policy file, events through
 // veqctl publish, and `veqctl plugins` checked against the processes themselves.
 
+#include "tests/support/BackgroundProcess.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/DaemonProcess.h"
 #include "tests/support/Eventually.h"
@@ -488,6 +489,110 @@ TEST_F(VeqdPluginsTest, DiagnosticsAreCollectedFromEveryPluginAndSideSlower)
     EXPECT_EQ(nobody.exitCode, 0) << nobody.output;
     EXPECT_NE(nobody.output.find(R"("delivered":false,"folder")"), std::string::npos) << nobody.output;
     EXPECT_NE(nobody.output.find(R"("side":"none")"), std::string::npos) << nobody.output;
+}
+
+// An app that answers routed commands with who it is and what it received.
+void AnswerAs(Veq::Sdk::AppClient& app, const std::string& label)
+{
+    app.SetRequestHandler([label](const Veq::Sdk::AppClient::Message& request) {
+        Veq::Sdk::AppClient::Result result;
+        result.isSuccess = true;
+        result.message = request;
+        Json::Value answer;
+        answer["answeredBy"] = label;
+        answer["received"] = request.notification.payload;
+        result.message.notification.payload = Text(answer);
+        return result;
+    });
+}
+
+TEST_F(VeqdPluginsTest, ClientsReachEachOtherByIdWhicheverKindTheyAre)
+{
+    const std::vector<std::string> greeting = {"Get-Greeting"};
+    world_->AddEmbedded({"Route.Caller", "CallerPlugin", "1.0.0.0", false, true, {}});
+    world_->AddEmbedded({"Route.Echo", "EchoPlugin", "1.0.0.0", false, true, greeting});
+    world_->AddEmbedded({"Route.Shared", "SharedPlugin", "1.0.0.0", false, true, greeting});
+    PluginPolicy policy;
+    policy.sides = "elevated";
+    WritePolicy(policy);
+    StartDaemon();
+    for (const std::string id : {"Route.Echo", "Route.Shared"}) {
+        ASSERT_TRUE(Eventually([&] { return VEQ::Test::Exists(world_->EmbeddedFolder(id) + "/elevated.report"); }, 20s));
+    }
+    // An app in a process of its own shares its id with a plugin.
+    VEQ::Test::BackgroundProcess sharedApp(
+        {VEQ::Test::ChildProcess::TestProgram("veq_app_process"), root_, "elevated", "Route.Shared"});
+    ASSERT_TRUE(sharedApp.Start());
+    ASSERT_TRUE(sharedApp.WaitForOutput("ready", 10s)) << sharedApp.Output();
+    // Here, only the oldest connection of this process answers for its id.
+    auto twinFirst = ConnectedApp(root_, "Route.Twin");
+    auto twinSecond = ConnectedApp(root_, "Route.Twin");
+    auto sender = ConnectedApp(root_, "Route.Sender");
+    ASSERT_TRUE(twinFirst && twinSecond && sender);
+    AnswerAs(*twinFirst, "twin-1");
+    AnswerAs(*twinSecond, "twin-2");
+
+    const auto send = [&](const std::string& target, const std::string& command, const std::string& guid) {
+        Veq::Sdk::AppClient::Message request;
+        request.guid = guid;
+        request.notification.command = command;
+        request.notification.payload = R"({"from":"app"})";
+        request.notification.targetId = target;
+        Veq::Sdk::AppClient::Result result;
+        EXPECT_FALSE(sender->Send(request, result));
+        EXPECT_EQ(result.message.guid, guid) << "the answer comes under the request's guid";
+        return result;
+    };
+    const auto answeredBy = [](const Veq::Sdk::AppClient::Result& result) {
+        Json::Value answer;
+        Json::Reader().parse(result.message.notification.payload, answer);
+        return answer["answeredBy"].asString();
+    };
+
+    // A plugin and an app with one id: the plugin takes what it declares, the app the rest.
+    auto result = send("Route.Shared", "Get-Greeting", "g-1");
+    EXPECT_EQ(result.message.senderId, "Route.Shared");
+    EXPECT_EQ(result.message.senderKind, std::string(1, '\x02'));
+    result = send("Route.Shared", "Get-Weather", "g-2");
+    EXPECT_TRUE(result.isSuccess);
+    EXPECT_EQ(answeredBy(result), "Route.Shared");
+
+    // App to app: the oldest connection answers, and sees who asked.
+    result = send("Route.Twin", "Get-Greeting", "g-3");
+    EXPECT_EQ(answeredBy(result), "twin-1");
+    Json::Value answer;
+    ASSERT_TRUE(Json::Reader().parse(result.message.notification.payload, answer));
+    Json::Value received;
+    ASSERT_TRUE(Json::Reader().parse(answer["received"].asString(), received));
+    EXPECT_EQ(received["sender_id"].asString(), "Route.Sender");
+
+    // "VEQ" is the service itself; any other spelling is a client's id.
+    result = send("VEQ", "Get-VeqStatus", "g-6");
+    EXPECT_TRUE(result.isSuccess);
+    result = send("veq", "Get-VeqStatus", "g-5");
+    EXPECT_EQ(result.message.statusCode, 17002);
+
+    // A plugin reaches an app and another plugin.
+    const std::string caller = world_->EmbeddedFolder("Route.Caller");
+    std::ofstream(caller + "/elevated.calls.new") << "Route.Twin Get-Greeting\nRoute.Echo Get-Greeting\n";
+    std::filesystem::rename(caller + "/elevated.calls.new", caller + "/elevated.calls");
+    ASSERT_TRUE(Eventually([&] { return VEQ::Test::Exists(caller + "/elevated.answers"); }, 20s));
+    std::ifstream answers(caller + "/elevated.answers");
+    std::string line;
+    Json::Value toApp;
+    ASSERT_TRUE(std::getline(answers, line) && Json::Reader().parse(line, toApp)) << line;
+    EXPECT_TRUE(toApp["isSuccess"].asBool()) << line;
+    ASSERT_TRUE(Json::Reader().parse(toApp["message"]["notification"]["payload"].asString(), answer));
+    EXPECT_EQ(answer["answeredBy"].asString(), "twin-1");
+    ASSERT_TRUE(Json::Reader().parse(answer["received"].asString(), received));
+    EXPECT_EQ(received["sender_id"].asString(), "Route.Caller");
+    Json::Value toPlugin;
+    ASSERT_TRUE(std::getline(answers, line) && Json::Reader().parse(line, toPlugin)) << line;
+    EXPECT_TRUE(toPlugin["isSuccess"].asBool()) << line;
+    EXPECT_EQ(toPlugin["message"]["senderId"].asString(), "Route.Echo");
+    ASSERT_TRUE(Json::Reader().parse(toPlugin["message"]["notification"]["payload"].asString(), received));
+    EXPECT_EQ(received["sender_id"].asString(), "Route.Caller");
+    EXPECT_EQ(received["from"].asString(), "plugin");
 }
 
 }  // namespace

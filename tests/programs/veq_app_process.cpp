@@ -1,6 +1,7 @@
 // An app in a process of its own, for tests that end it abruptly. Connects to the service as ID on
 // SIDE, sends each COMMAND in turn with the payload {}, prints each reply's payload on a line of
-// its own, then "ready", and stays connected until it is killed.
+// its own, then "ready", and stays connected until it is killed. Commands routed to it are
+// answered with success and the payload {"answeredBy": ID}.
 // Exit: 2 usage, 3 cannot connect, 4 a command got no reply.
 
 #include "sdk/AppClient.h"
@@ -22,6 +23,14 @@ int main(int argc, char** argv)
     options.extensionName = argv[3];
     options.timeout = std::chrono::seconds(45);
     Veq::Sdk::AppClient client(options);
+    const std::string id = argv[3];
+    client.SetRequestHandler([id](const Veq::Sdk::AppClient::Message& request) {
+        Veq::Sdk::AppClient::Result result;
+        result.isSuccess = true;
+        result.message = request;
+        result.message.notification.payload = "{\"answeredBy\":\"" + id + "\"}";
+        return result;
+    });
     if (auto error = client.Connect()) {
         std::fprintf(stderr, "%s\n", error.Message().c_str());
         return 3;

@@ -5,6 +5,8 @@
 //   ...Forks...    starts a child that sleeps, and writes its pid to <side>.child;
 //   ...Bench...    asks one command and renames "<side>.first" into its folder when it is answered;
 //   ...Eager...    asks "Get-VeqStatus" from its entry itself and writes the answer to <side>.eager;
+//   ...Caller...   waits for <side>.calls in its folder, sends each "<target> <command>" line to
+//                  that target and writes the results to <side>.answers;
 //   ...DiagKeep..., ...DiagDrop..., ...DiagText..., ...DiagSlow... answer "Get-Diagnostics" with
 //                  success and "TRUE" as a string, success and false, a payload that is no JSON,
 //                  and success after 31 s;
@@ -52,8 +54,41 @@ std::string Ask(const veq_host_api* host, const char* command, const std::string
     return text;
 }
 
+std::string Send(const veq_host_api* host, const std::string& command, const std::string& target)
+{
+    char* result = nullptr;
+    const int status = host->send(host->host, command.c_str(), R"({"from":"plugin"})", target.c_str(), 20000, &result);
+    std::string text = status == VEQ_OK && result != nullptr ? result : "send failed: " + std::to_string(status);
+    host->free_text(result);
+    return text;
+}
+
+// Waits for the test's list of calls ("<target> <command>" per line), makes them, and writes
+// their results, one line each, to <side>.answers.
+void Call(State* state)
+{
+    const std::string calls = state->folder + "/" + state->side + ".calls";
+    for (int waited = 0; waited < 1500 && access(calls.c_str(), R_OK) != 0; ++waited) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    const std::string answers = state->folder + "/" + state->side + ".answers";
+    if (FILE* file = std::fopen(calls.c_str(), "r")) {
+        char target[256];
+        char command[256];
+        while (std::fscanf(file, "%255s %255s", target, command) == 2) {
+            Append(answers + ".part", Send(state->host, command, target));
+        }
+        std::fclose(file);
+    }
+    std::rename((answers + ".part").c_str(), answers.c_str());
+}
+
 void Work(State* state)
 {
+    if (std::string(state->host->plugin_name).find("Caller") != std::string::npos) {
+        Call(state);
+        return;
+    }
     if (std::string(state->host->plugin_name).find("Bench") != std::string::npos) {
         const std::string first = state->folder + "/" + state->side + ".first";
         Append(first + ".part", Ask(state->host, "Get-PluginHostContext", "{}"));
