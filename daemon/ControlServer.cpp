@@ -302,10 +302,17 @@ ControlServer::Result ControlServer::CollectDiagnostics(const Message& request)
     if (plugin.isString()) {
         ids.push_back(String::UTF8ToUTF16(plugin.asString()));
     } else {
+        // Every running plugin that takes part: one that does not declare the command has nothing to give.
         const Json::Value description = manager->Describe();
         for (const Json::Value& instance : description["instances"]) {
             const std::wstring id = String::UTF8ToUTF16(instance["id"].asString());
-            if (instance["running"].asBool() && std::find(ids.begin(), ids.end(), id) == ids.end()) {
+            Message probe;
+            probe.notification.command = GetDiagnosticsCommandHandler::kCommand;
+            probe.notification.targetId = instance["id"].asString();
+            PluginInstanceDetails details;
+            manager->GetTargetPluginInstanceDetails(probe, details, ElevationType::None);
+            if (instance["running"].asBool() && details.isCommandFound &&
+                std::find(ids.begin(), ids.end(), id) == ids.end()) {
                 ids.push_back(id);
             }
         }

@@ -17,7 +17,8 @@
 // as the plugin manager sees them: the plugins of its last discovery, the instances it owns.
 //
 // Request: command "Collect-Diagnostics", payload {"folder": string (required, absolute),
-// "plugin": string (optional: one plugin id; absent: every running plugin)}. The service asks each
+// "plugin": string (optional: one plugin id; absent: every running plugin that declares
+// "Get-Diagnostics")}. The service asks each
 // plugin, on each side it runs on, for its diagnostics (at most 30 s, all at once) and answers
 // isSuccess true with the payload
 //   {"results": [{"pluginId", "side": "elevated"|"user", "delivered": bool, "timeout": bool,
