@@ -5,6 +5,11 @@
 // so that they see the same machine. A broker pauses 100 ms after each message (its rate limit);
 // that pause is not counted: the rounds rotate over many brokers, and each broker is asked again
 // only once its pause is over.
+//
+// Then, with veqd as a process on a root of its own below $TMPDIR, one signed embedded plugin on
+// the elevated side and apps connected there through the SDK: an app's command routed to the
+// plugin by its id until the plugin's reply is back, beside "Get-VeqStatus" answered by the
+// service itself, sampled in turn in the same way over the same service.
 
 #include "broker/BaseClientBroker.h"
 #include "platform/Platform.h"
@@ -12,15 +17,25 @@
 #include "platform/sync/TaskPool.h"
 #include "platform/transport/ClientConnection.h"
 #include "platform/transport/ZmqServerEndpoint.h"
+#include "sdk/AppClient.h"
+#include "tests/support/DaemonProcess.h"
+#include "tests/support/FileStatus.h"
+#include "tests/support/PluginWorld.h"
 
+#include <json/json.h>
 #include <zmq.hpp>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
+#include <memory>
+#include <stdexcept>
 #include <string>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -288,13 +303,191 @@ private:
 
 struct Figures {
     double median;
+    double p90;
     double p99;
 };
 
 Figures Summarise(std::vector<double> samples)
 {
     std::sort(samples.begin(), samples.end());
-    return {samples[samples.size() / 2], samples[std::min(samples.size() - 1, samples.size() * 99 / 100)]};
+    const auto at = [&samples](size_t percent) {
+        return samples[std::min(samples.size() - 1, samples.size() * percent / 100)];
+    };
+    return {samples[samples.size() / 2], at(90), at(99)};
+}
+
+// Through veqd as a process: an app's command routed to a plugin, and one the service answers itself.
+
+constexpr int kApps = 40;  // each has a broker of its own; the service takes at most 50 of one process
+constexpr int kServiceWarmUp = 100;  // rounds; every app's broker has answered a few before counting
+constexpr const char* kPluginId = "Bench.Echo";
+// Not a name the tests' plugin acts on: it reports once connected and echoes what is routed to it.
+constexpr const char* kPluginName = "EchoPlugin";
+constexpr const char* kRoutedCommand = "Get-Echo";
+constexpr const char* kLocalCommand = "Get-VeqStatus";
+constexpr const char* kPayload = R"({"request":"status"})";
+// Far beyond what a start takes: one this long is broken, not slow.
+constexpr auto kStartDeadline = 20s;
+
+struct Failure : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// The service's root below $TMPDIR, removed however the bench ends. Made before the service, so
+// that the service has stopped before its files go.
+class ScratchRoot {
+public:
+    ScratchRoot()
+    {
+        const char* tmp = std::getenv("TMPDIR");
+        path_ = std::string(tmp != nullptr && *tmp == '/' ? tmp : "/tmp") + "/veq-route-bench-XXXXXX";
+        if (::mkdtemp(path_.data()) == nullptr) {
+            throw Failure(std::string("mkdtemp: ") + std::strerror(errno));
+        }
+    }
+    ~ScratchRoot()
+    {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    ScratchRoot(const ScratchRoot&) = delete;
+    ScratchRoot& operator=(const ScratchRoot&) = delete;
+
+    const std::string& Path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+void WriteByRename(const std::string& path, const Json::Value& value)
+{
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "";
+    {
+        std::ofstream file(path + ".new", std::ios::binary);
+        file << Json::writeString(writer, value);
+    }
+    std::filesystem::rename(path + ".new", path);
+}
+
+// veqd with the plugin running on the elevated side, and kApps apps connected there. Members go in
+// reverse: the apps leave while the service still runs, and a service that was not stopped by
+// Stop is stopped (or killed) by its DaemonProcess.
+class ServiceTargets {
+public:
+    explicit ServiceTargets(const std::string& root) : world_(root)
+    {
+        world_.AddEmbedded({kPluginId, kPluginName, "1.0.0.0", false, true, {kRoutedCommand}});
+        const std::string sessionFile = root + "/session.json";
+        VEQ::Test::PluginWorld::WriteSessions(sessionFile, -1, 0, {});  // nobody logged in: the elevated side only
+        Json::Value config;
+        config["paths"]["systemRoot"] = root + "/system";
+        config["paths"]["commonDataRoot"] = root + "/common";
+        config["trust"]["caFile"] = world_.Ca().CaFile();
+        config["sessions"]["source"] = "file";
+        config["sessions"]["file"] = sessionFile;
+        WriteByRename(root + "/veqd.json", config);
+        VEQ::Test::PluginPolicy policy;
+        policy.enabledPluginType = "embedded";
+        policy.sides = "elevated";
+        WriteByRename(root + "/policy.json", VEQ::Test::PluginWorld::PolicyDocument(policy));
+
+        veqd_ = std::make_unique<VEQ::Test::DaemonProcess>(
+            root, std::vector<std::string>{"--config", root + "/veqd.json", "--policy", root + "/policy.json"});
+        if (!veqd_->Start(kStartDeadline)) {
+            throw Failure("veqd did not start: " + veqd_->Output());
+        }
+        // The plugin writes its report once the service has answered its questions: it is connected.
+        const std::string report = world_.EmbeddedFolder(kPluginId) + "/elevated.report";
+        const auto until = steady_clock::now() + kStartDeadline;
+        while (!VEQ::Test::Exists(report)) {
+            if (steady_clock::now() >= until) {
+                throw Failure("the plugin did not connect within " + std::to_string(seconds(kStartDeadline).count()) +
+                              " s:\n" + veqd_->Output());
+            }
+            std::this_thread::sleep_for(10ms);
+        }
+        for (int i = 0; i < kApps; ++i) {
+            Veq::Sdk::AppClientOptions options;
+            options.dataRoot = root;
+            options.side = Veq::Sdk::Side::Elevated;
+            options.extensionId = "Bench.App" + std::to_string(i);
+            options.extensionName = "Bench app " + std::to_string(i);
+            options.timeout = 10s;
+            options.autoReconnect = false;
+            apps_.push_back(std::make_unique<Veq::Sdk::AppClient>(options));
+            if (auto error = apps_.back()->Connect()) {
+                throw Failure("app " + std::to_string(i) + " could not connect: " + error.Message());
+            }
+        }
+        readyAt_.assign(kApps, steady_clock::now());
+    }
+
+    // The next app whose broker's pause is over, waiting for it if need be.
+    double Sample(bool routed)
+    {
+        const int a = next_++ % kApps;
+        std::this_thread::sleep_until(readyAt_[a]);
+        Veq::Sdk::AppClient::Result result;
+        const auto start = steady_clock::now();
+        const auto error = routed ? apps_[a]->Send(kRoutedCommand, kPayload, result, kPluginId)
+                                  : apps_[a]->Send(kLocalCommand, "{}", result);
+        const double elapsed = MicrosSince(start);
+        readyAt_[a] = steady_clock::now() + kBrokerPause;
+        if (error) {
+            throw Failure(std::string(routed ? kRoutedCommand : kLocalCommand) + " failed: " + error.Message());
+        }
+        // A routed reply is the plugin's, stamped with its id; anything else went wrong on the way.
+        if (!result.isSuccess || (routed && result.message.senderId != kPluginId)) {
+            throw Failure(std::string(routed ? kRoutedCommand : kLocalCommand) + " was not answered: " +
+                          std::to_string(result.message.statusCode) + " " + result.message.statusText);
+        }
+        return elapsed;
+    }
+
+    void Stop()
+    {
+        apps_.clear();
+        if (veqd_->Stop() != 0) {
+            std::fprintf(stderr, "veqd did not stop cleanly:\n%s\n", veqd_->Output().c_str());
+        }
+    }
+
+private:
+    VEQ::Test::PluginWorld world_;
+    std::unique_ptr<VEQ::Test::DaemonProcess> veqd_;
+    std::vector<std::unique_ptr<Veq::Sdk::AppClient>> apps_;
+    std::vector<steady_clock::time_point> readyAt_;
+    int next_ = 0;
+};
+
+void RoutedAndLocal()
+{
+    const ScratchRoot scratch;
+    ServiceTargets service(scratch.Path());
+    std::vector<double> samples[2];  // [0] routed, [1] local
+    // Every app is asked again only once its broker's pause is over: two samples a round.
+    const auto gap = duration_cast<microseconds>(kBrokerPause) / kApps;
+    for (int i = 0; i < kSamples + kServiceWarmUp; ++i) {
+        for (int k = 0; k < 2; ++k) {
+            const int target = (k + i) % 2;
+            std::this_thread::sleep_for(gap);
+            const double sample = service.Sample(target == 0);
+            if (i >= kServiceWarmUp) {
+                samples[target].push_back(sample);
+            }
+        }
+    }
+    service.Stop();
+    std::printf("\nthrough veqd as a process, apps on the elevated side, %d interleaved samples each, ~%lld us apart "
+                "(microseconds)\n",
+                kSamples, static_cast<long long>(gap.count()));
+    std::printf("%-24s %10s %10s %10s\n", "", "median", "p90", "p99");
+    const Figures routed = Summarise(samples[0]);
+    const Figures local = Summarise(samples[1]);
+    std::printf("%-24s %10.1f %10.1f %10.1f\n", "routed to a plugin", routed.median, routed.p90, routed.p99);
+    std::printf("%-24s %10.1f %10.1f %10.1f\n", "local Get-VeqStatus", local.median, local.p90, local.p99);
+    std::printf("routed / local: median %.2fx, p90 %.2fx\n", routed.median / local.median, routed.p90 / local.p90);
 }
 
 }  // namespace
@@ -350,6 +543,13 @@ int main()
         std::printf("broker / ZeroMQ echo: median %.2fx, p99 %.2fx (target: median <= 1.5x)\n", b.median / z.median,
                     b.p99 / z.p99);
     }
+    int status = 0;
+    try {
+        RoutedAndLocal();
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "broker_roundtrip: %s\n", error.what());
+        status = 1;
+    }
     std::filesystem::remove_all(root);
-    return 0;
+    return status;
 }
