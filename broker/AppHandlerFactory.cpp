@@ -3,6 +3,7 @@
 #include "broker/HandlerList.h"
 #include "commands/GetVeqStatusCommand.h"
 #include "commands/GetVeqTagsCommand.h"
+#include "commands/TestApplicabilityCommand.h"
 #include "mqtt/DisableMqttConnectionCommand.h"
 #include "mqtt/EnableMqttConnectionCommand.h"
 #include "mqtt/PublishMqttMessageCommand.h"
@@ -19,6 +20,8 @@ std::vector<BaseCommandHandler*> AppHandlerFactory::GetHandlers(BrokerContext co
             created.push_back(new EnableMqttConnectionCommand(log, clientContext.extensionId));
             created.push_back(new DisableMqttConnectionCommand(log, clientContext.extensionId));
             created.push_back(new PublishMqttMessageCommand(log, clientContext.extensionId));
+            // Row 9 "Verify-Signature" comes with its command.
+            created.push_back(new TestApplicabilityCommand(log));
             created.push_back(new GetVeqTagsCommand(log, clientContext.extensionId));
         },
         log, L"VEQ::AppHandlerFactory::GetHandlers");

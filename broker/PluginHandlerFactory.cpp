@@ -5,6 +5,7 @@
 #include "commands/GetPluginHostContextCommand.h"
 #include "commands/GetVeqStatusCommand.h"
 #include "commands/GetVeqTagsCommand.h"
+#include "commands/TestApplicabilityCommand.h"
 #include "commands/VerifyCustomSettingsEnabledCommand.h"
 #include "mqtt/DisableMqttConnectionCommand.h"
 #include "mqtt/EnableMqttConnectionCommand.h"
@@ -28,7 +29,8 @@ std::vector<BaseCommandHandler*> PluginHandlerFactory::GetHandlers(BrokerContext
             created.push_back(new EnableMqttConnectionCommand(log, clientContext.extensionId));
             created.push_back(new DisableMqttConnectionCommand(log, clientContext.extensionId));
             created.push_back(new PublishMqttMessageCommand(log, clientContext.extensionId));
-            // Rows 10 to 12: "Verify-Signature", "Get-DecryptedData", "Test-Applicability".
+            // Rows 10 and 11: "Verify-Signature", "Get-DecryptedData".
+            created.push_back(new TestApplicabilityCommand(log));
             created.push_back(new VerifyCustomSettingsEnabledCommand(log));
             created.push_back(new GetVeqTagsCommand(log, clientContext.extensionId));
             // Rows 15 to 21: the package list, the data protection, digest and warranty

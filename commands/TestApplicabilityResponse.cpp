@@ -1,0 +1,18 @@
+#include "commands/TestApplicabilityResponse.h"
+
+#include <json/json.h>
+
+namespace VEQ {
+
+std::string TestApplicabilityResponse::Serialize(const TestApplicabilityResponse& response)
+{
+    Json::Value root(Json::objectValue);
+    root["id"] = response.id;
+    root["isApplicable"] = response.isApplicable;
+    root["reason"] = response.reason;
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "";
+    return Json::writeString(writer, root);
+}
+
+}  // namespace VEQ
