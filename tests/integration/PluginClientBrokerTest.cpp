@@ -93,7 +93,8 @@ TEST(PluginHandlerFactoryTest, BuildsTheVocabularyOfEachSide)
     const std::vector<std::string> plugin = {
         "Get-PluginDetails", "Get-PluginHostContext", "Get-VeqStatus",
         "Notify-ZCP",        "Enable-MqttConnection", "Disable-MqttConnection",
-        "Publish-MqttMessage", "VerifyCustomSettingsEnabledCommand", "Get-VeqTags",
+        "Publish-MqttMessage", "Test-Applicability",    "VerifyCustomSettingsEnabledCommand",
+        "Get-VeqTags",
     };
     const auto client = VEQ::Test::MakeClientContext("Contoso.Hello");
     EXPECT_EQ(CommandsOf(factory.GetHandlers(PluginContext(ElevationType::Elevated), client, details, log)), plugin);

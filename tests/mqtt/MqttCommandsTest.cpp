@@ -380,8 +380,9 @@ TEST_F(MqttCommandsTest, AppBrokersOfferTheMqttCommandsInTheirPlaceAndPluginsAlo
             names.push_back(handler->GetSupportedCommandNames().at(0));
             delete handler;
         }
-        const std::vector<std::string> expected = {"Get-VeqStatus", "Enable-MqttConnection", "Disable-MqttConnection",
-                                                   "Publish-MqttMessage", "Get-VeqTags"};
+        const std::vector<std::string> expected = {"Get-VeqStatus",       "Enable-MqttConnection",
+                                                   "Disable-MqttConnection", "Publish-MqttMessage",
+                                                   "Test-Applicability",   "Get-VeqTags"};
         EXPECT_EQ(names, expected) << static_cast<int>(side);
     }
     NotifyZCPCommand notify(log_);
