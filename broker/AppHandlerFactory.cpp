@@ -7,6 +7,7 @@
 #include "mqtt/DisableMqttConnectionCommand.h"
 #include "mqtt/EnableMqttConnectionCommand.h"
 #include "mqtt/PublishMqttMessageCommand.h"
+#include "packages/GetPackagelistCommand.h"
 
 namespace VEQ {
 
@@ -23,6 +24,7 @@ std::vector<BaseCommandHandler*> AppHandlerFactory::GetHandlers(BrokerContext co
             // Row 9 "Verify-Signature" comes with its command.
             created.push_back(new TestApplicabilityCommand(log));
             created.push_back(new GetVeqTagsCommand(log, clientContext.extensionId));
+            created.push_back(new GetPackagelistCommand(log));
         },
         log, L"VEQ::AppHandlerFactory::GetHandlers");
 }

@@ -11,6 +11,7 @@
 #include "mqtt/EnableMqttConnectionCommand.h"
 #include "mqtt/NotifyZCPCommand.h"
 #include "mqtt/PublishMqttMessageCommand.h"
+#include "packages/GetPackagelistCommand.h"
 
 namespace VEQ {
 
@@ -33,8 +34,9 @@ std::vector<BaseCommandHandler*> PluginHandlerFactory::GetHandlers(BrokerContext
             created.push_back(new TestApplicabilityCommand(log));
             created.push_back(new VerifyCustomSettingsEnabledCommand(log));
             created.push_back(new GetVeqTagsCommand(log, clientContext.extensionId));
-            // Rows 15 to 21: the package list, the data protection, digest and warranty
-            // commands, and "Start-PackageOperation".
+            created.push_back(new GetPackagelistCommand(log));
+            // Rows 16 to 21: the data protection, digest and warranty commands, and
+            // "Start-PackageOperation".
         },
         log, L"VEQ::PluginHandlerFactory::GetHandlers");
 }
