@@ -1,0 +1,18 @@
+#include "packages/StartPackageOperationCommandResponse.h"
+
+#include <json/json.h>
+
+namespace VEQ {
+
+std::string StartPackageOperationCommandResponse::Serialize(const StartPackageOperationCommandResponse& response)
+{
+    Json::Value root(Json::objectValue);
+    root["requestId"] = response.requestId;
+    root["packageId"] = response.packageId;
+    root["result"] = response.result;
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "";
+    return Json::writeString(writer, root);
+}
+
+}  // namespace VEQ
