@@ -21,6 +21,7 @@
 #include "tests/support/DaemonProcess.h"
 #include "tests/support/FileStatus.h"
 #include "tests/support/PluginWorld.h"
+#include "tests/support/ScratchRoot.h"
 
 #include <json/json.h>
 #include <zmq.hpp>
@@ -333,32 +334,6 @@ struct Failure : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// The service's root below $TMPDIR, removed however the bench ends. Made before the service, so
-// that the service has stopped before its files go.
-class ScratchRoot {
-public:
-    ScratchRoot()
-    {
-        const char* tmp = std::getenv("TMPDIR");
-        path_ = std::string(tmp != nullptr && *tmp == '/' ? tmp : "/tmp") + "/veq-route-bench-XXXXXX";
-        if (::mkdtemp(path_.data()) == nullptr) {
-            throw Failure(std::string("mkdtemp: ") + std::strerror(errno));
-        }
-    }
-    ~ScratchRoot()
-    {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    ScratchRoot(const ScratchRoot&) = delete;
-    ScratchRoot& operator=(const ScratchRoot&) = delete;
-
-    const std::string& Path() const { return path_; }
-
-private:
-    std::string path_;
-};
-
 void WriteByRename(const std::string& path, const Json::Value& value)
 {
     Json::StreamWriterBuilder writer;
@@ -463,7 +438,8 @@ private:
 
 void RoutedAndLocal()
 {
-    const ScratchRoot scratch;
+    // Made before the service, so that the service has stopped before its files go.
+    const VEQ::Test::ScratchRoot scratch("veq-route-bench");
     ServiceTargets service(scratch.Path());
     std::vector<double> samples[2];  // [0] routed, [1] local
     // Every app is asked again only once its broker's pause is over: two samples a round.

@@ -14,6 +14,7 @@
 #include "tests/support/ChildProcess.h"
 #include "tests/support/DaemonProcess.h"
 #include "tests/support/PluginWorld.h"
+#include "tests/support/ScratchRoot.h"
 
 #include <json/json.h>
 
@@ -50,32 +51,6 @@ const std::string kStepDeadlineText = std::to_string(seconds(kStepDeadline).coun
 
 struct Failure : std::runtime_error {
     using std::runtime_error::runtime_error;
-};
-
-// The bench's root below $TMPDIR, removed when the bench ends, however it ends. Declared before the
-// service so that the service has stopped before its files go.
-class ScratchRoot {
-public:
-    ScratchRoot()
-    {
-        const char* tmp = std::getenv("TMPDIR");
-        path_ = std::string(tmp != nullptr && *tmp == '/' ? tmp : "/tmp") + "/veq-policy-bench-XXXXXX";
-        if (::mkdtemp(path_.data()) == nullptr) {
-            throw Failure(std::string("mkdtemp: ") + std::strerror(errno));
-        }
-    }
-    ~ScratchRoot()
-    {
-        std::error_code ignored;
-        fs::remove_all(path_, ignored);
-    }
-    ScratchRoot(const ScratchRoot&) = delete;
-    ScratchRoot& operator=(const ScratchRoot&) = delete;
-
-    const std::string& Path() const { return path_; }
-
-private:
-    std::string path_;
 };
 
 class PidFd {
@@ -225,7 +200,8 @@ void Report(const char* name, std::vector<double> samples, const char* target)
 
 int Run(int rounds)
 {
-    const ScratchRoot scratch;
+    // Made before the service, so that the service has stopped before its files go.
+    const VEQ::Test::ScratchRoot scratch("veq-policy-bench");
     const std::string& root = scratch.Path();
     PluginWorld world(root);
     world.AddEmbedded({kPluginId, kPluginName, "1.0.0.0"});

@@ -3,6 +3,7 @@
 #include "broker/BrokerContext.h"
 #include "broker/ClientContext.h"
 #include "broker/HandleTargetedRequestHelper.h"
+#include "broker/ReplyJson.h"
 #include "module/ExtensionModule.h"
 #include "platform/fs/utility.h"
 #include "platform/log/Log.h"
@@ -11,7 +12,6 @@
 
 #include <json/json.h>
 
-#include <memory>
 #include <mutex>
 
 namespace VEQ {
@@ -118,11 +118,8 @@ bool GetDiagnosticsCommandHandler::TryPopulateFromPluginResponseJson(const std::
         return false;
     }
     Json::Value reply;
-    Json::CharReaderBuilder builder;
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    std::string errors;
     try {
-        if (!reader->parse(payload.data(), payload.data() + payload.size(), &reply, &errors)) {
+        if (!ReplyJson::Parse(payload, reply)) {
             return false;
         }
     } catch (const Json::Exception&) {

@@ -1,11 +1,11 @@
 #include "commands/TestApplicabilityCommand.h"
 
+#include "broker/ReplyJson.h"
 #include "commands/TestApplicabilityResponse.h"
 #include "platform/applicability/ApplicabilityEvaluator.h"
 #include "platform/string/String.h"
 
 #include <exception>
-#include <memory>
 
 namespace VEQ {
 namespace {
@@ -25,11 +25,8 @@ std::string Narrow(const std::wstring& text)
 
 bool Parse(const std::string& text, Json::Value& value)
 {
-    Json::CharReaderBuilder builder;
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    std::string errors;
     try {
-        return reader->parse(text.data(), text.data() + text.size(), &value, &errors);
+        return ReplyJson::Parse(text, value);
     } catch (const Json::Exception&) {
         return false;  // nested deeper than the reader takes
     }

@@ -1,5 +1,7 @@
 #include "commands/TestApplicabilityResponse.h"
 
+#include "broker/ReplyJson.h"
+
 #include <json/json.h>
 
 namespace VEQ {
@@ -10,9 +12,7 @@ std::string TestApplicabilityResponse::Serialize(const TestApplicabilityResponse
     root["id"] = response.id;
     root["isApplicable"] = response.isApplicable;
     root["reason"] = response.reason;
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
-    return Json::writeString(writer, root);
+    return ReplyJson::Write(root);
 }
 
 }  // namespace VEQ

@@ -1,6 +1,7 @@
 #include "daemon/ControlServer.h"
 
 #include "broker/GetDiagnosticsCommandHandler.h"
+#include "broker/ReplyJson.h"
 #include "module/ExtensionModule.h"
 
 #include "platform/Platform.h"
@@ -270,10 +271,8 @@ ControlServer::Result ControlServer::ListPlugins(const Message& request)
     if (manager == nullptr) {
         return Answer(request, false, kNotSupportedStatus, "the service runs without plugins");
     }
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
     Result result = Answer(request, true, 0, "");
-    result.message.notification.payload = Json::writeString(writer, manager->Describe());
+    result.message.notification.payload = ReplyJson::Write(manager->Describe());
     return result;
 }
 
@@ -344,10 +343,8 @@ ControlServer::Result ControlServer::CollectDiagnostics(const Message& request)
     }
     Json::Value answer(Json::objectValue);
     answer["results"] = results;
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
     Result result = Answer(request, true, 0, "");
-    result.message.notification.payload = Json::writeString(writer, answer);
+    result.message.notification.payload = ReplyJson::Write(answer);
     return result;
 }
 

@@ -1,5 +1,7 @@
 #include "packages/StartPackageOperationCommandResponse.h"
 
+#include "broker/ReplyJson.h"
+
 #include <json/json.h>
 
 namespace VEQ {
@@ -10,9 +12,7 @@ std::string StartPackageOperationCommandResponse::Serialize(const StartPackageOp
     root["requestId"] = response.requestId;
     root["packageId"] = response.packageId;
     root["result"] = response.result;
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
-    return Json::writeString(writer, root);
+    return ReplyJson::Write(root);
 }
 
 }  // namespace VEQ

@@ -1,6 +1,7 @@
 #include "plugins/PluginManager.h"
 
 #include "apps/AppExtensionManager.h"
+#include "broker/ReplyJson.h"
 #include "digest/SmartMessageV2Utility.h"
 #include "plugins/PluginDetails.h"
 #include "plugins/PluginDetailsGenerator.h"
@@ -47,6 +48,12 @@ constexpr const char* kRegistrationCommand = "registerVEQStatusUpdate";
 constexpr const char* kNetworkCommand = "networkVEQStatusUpdate";
 constexpr const char* kPackageStatusCommand = "Receive-PackageInstallStatus";
 constexpr const char* kDeviceConfigCommand = "Receive-DeviceConfig";
+
+// The library whose embedded version decides between two copies of a plugin.
+std::wstring LibraryPath(const PluginDetails& details)
+{
+    return details.getDirectory() + L"\\" + String::UTF8ToUTF16(details.getPluginManifest().getPluginName()) + L".dll";
+}
 
 std::string ModeText(PluginMode mode)
 {
@@ -275,8 +282,7 @@ PluginDetails* PluginManager::FindInstalled(const std::wstring& pluginId, Plugin
 
 bool PluginManager::ReadLibraryVersion(const PluginDetails& details, const wchar_t* failure, CVersion& version)
 {
-    const std::wstring path =
-        details.getDirectory() + L"\\" + String::UTF8ToUTF16(details.getPluginManifest().getPluginName()) + L".dll";
+    const std::wstring path = LibraryPath(details);
     if (!FileSystem::GetFileVersion(path, version)) {
         log.e(failure, L"VEQ::PluginManager::isPluginRepositoryNewerVersion", path);
         return false;
@@ -890,9 +896,7 @@ void PluginManager::NotifyPluginsAboutPackageStatusChange(std::wstring packageId
     payload["packageId"] = String::UTF16ToUTF8(packageId);
     payload["status"] = String::UTF16ToUTF8(status);
     payload["installationTrigger"] = String::UTF16ToUTF8(installationTrigger);
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
-    Notification notification{kPackageStatusCommand, Json::writeString(writer, payload), "", ""};
+    Notification notification{kPackageStatusCommand, ReplyJson::Write(payload), "", ""};
     std::lock_guard<std::recursive_mutex> lock(instancesMutex_);
     for (PluginInstance* instance : pluginInstances_) {
         if (instance->isPluginRunning() && !instance->notifyPlugin(notification)) {
@@ -919,9 +923,7 @@ void PluginManager::notifyPluginsAboutConfigChanges()
     Json::Value payload(Json::objectValue);
     const auto agent = AgentFactory::GetInstance()->GetConfigPolicyAgent();
     payload["configPolicy"] = agent ? String::UTF16ToUTF8(agent->GetConfigPolicy()) : std::string();
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
-    Notification notification{kDeviceConfigCommand, Json::writeString(writer, payload), "", ""};
+    Notification notification{kDeviceConfigCommand, ReplyJson::Write(payload), "", ""};
     std::lock_guard<std::recursive_mutex> lock(instancesMutex_);
     for (PluginInstance* instance : pluginInstances_) {
         const bool isAddressed =
@@ -1146,9 +1148,7 @@ Json::Value PluginManager::Describe()
             plugin["name"] = manifest.getPluginName();
             plugin["source"] = String::UTF16ToUTF8(details->getSourceTypeAsString());
             CVersion version;
-            const std::wstring library =
-                details->getDirectory() + L"\\" + String::UTF8ToUTF16(manifest.getPluginName()) + L".dll";
-            plugin["version"] = FileSystem::GetFileVersion(library, version) ? String::UTF16ToUTF8(version.ToString()) : "";
+            plugin["version"] = FileSystem::GetFileVersion(LibraryPath(*details), version) ? String::UTF16ToUTF8(version.ToString()) : "";
             plugin["mode"] = ModeText(details->getMode());
             std::string whyNot;
             if (PluginDetailsGenerator::GetInstance()->IsPluginLocked(manifest.getPluginId())) {
