@@ -8,6 +8,7 @@
 #include "mqtt/EnableMqttConnectionCommand.h"
 #include "mqtt/PublishMqttMessageCommand.h"
 #include "packages/GetPackagelistCommand.h"
+#include "packages/StartPackageOperationCommand.h"
 
 namespace VEQ {
 
@@ -25,6 +26,8 @@ std::vector<BaseCommandHandler*> AppHandlerFactory::GetHandlers(BrokerContext co
             created.push_back(new TestApplicabilityCommand(log));
             created.push_back(new GetVeqTagsCommand(log, clientContext.extensionId));
             created.push_back(new GetPackagelistCommand(log));
+            // Row 13 "Invoke-HttpRequest" comes with its command.
+            created.push_back(new StartPackageOperationCommand(log, clientContext.extensionId));
         },
         log, L"VEQ::AppHandlerFactory::GetHandlers");
 }

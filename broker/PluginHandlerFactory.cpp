@@ -12,6 +12,7 @@
 #include "mqtt/NotifyZCPCommand.h"
 #include "mqtt/PublishMqttMessageCommand.h"
 #include "packages/GetPackagelistCommand.h"
+#include "packages/StartPackageOperationCommand.h"
 
 namespace VEQ {
 
@@ -35,8 +36,8 @@ std::vector<BaseCommandHandler*> PluginHandlerFactory::GetHandlers(BrokerContext
             created.push_back(new VerifyCustomSettingsEnabledCommand(log));
             created.push_back(new GetVeqTagsCommand(log, clientContext.extensionId));
             created.push_back(new GetPackagelistCommand(log));
-            // Rows 16 to 21: the data protection, digest and warranty commands, and
-            // "Start-PackageOperation".
+            // Rows 16 to 20: the data protection, digest and warranty commands.
+            created.push_back(new StartPackageOperationCommand(log, clientContext.extensionId));
         },
         log, L"VEQ::PluginHandlerFactory::GetHandlers");
 }

@@ -15,7 +15,12 @@ GetPackagelistCommand::GetPackagelistCommand(Log& log) : BaseCommandHandler(log)
 
 std::vector<KeyValuePair> GetPackagelistCommand::ParseAdditionalTags(const std::string& payload, Log* log)
 {
-    const wchar_t* function = L"VEQ::GetPackagelistCommand::ParseAdditionalTags";
+    return ParseAdditionalTags(payload, log, L"VEQ::GetPackagelistCommand::ParseAdditionalTags");
+}
+
+std::vector<KeyValuePair> GetPackagelistCommand::ParseAdditionalTags(const std::string& payload, Log* log,
+                                                                     const wchar_t* function)
+{
     std::vector<KeyValuePair> tags;
     try {
         Json::Value root;

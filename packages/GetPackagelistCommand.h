@@ -26,6 +26,8 @@ public:
     // No tags for a payload that is no JSON or has no such object; a value that is no scalar
     // ends the list there. log may be null.
     static std::vector<KeyValuePair> ParseAdditionalTags(const std::string& payload, Log* log);
+    // The same, logging under the caller's function name.
+    static std::vector<KeyValuePair> ParseAdditionalTags(const std::string& payload, Log* log, const wchar_t* function);
 
 private:
     std::vector<std::string> commandNames_;

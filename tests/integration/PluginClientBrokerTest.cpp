@@ -94,7 +94,7 @@ TEST(PluginHandlerFactoryTest, BuildsTheVocabularyOfEachSide)
         "Get-PluginDetails", "Get-PluginHostContext", "Get-VeqStatus",
         "Notify-ZCP",        "Enable-MqttConnection", "Disable-MqttConnection",
         "Publish-MqttMessage", "Test-Applicability",    "VerifyCustomSettingsEnabledCommand",
-        "Get-VeqTags",         "Get-PackageList",
+        "Get-VeqTags",         "Get-PackageList",       "Start-PackageOperation",
     };
     const auto client = VEQ::Test::MakeClientContext("Contoso.Hello");
     EXPECT_EQ(CommandsOf(factory.GetHandlers(PluginContext(ElevationType::Elevated), client, details, log)), plugin);
