@@ -611,5 +611,54 @@ TEST_F(VeqdPluginsTest, ClientsReachEachOtherByIdWhicheverKindTheyAre)
     EXPECT_EQ(received["from"].asString(), "plugin");
 }
 
+// A plugin on either side asks for a package operation as an app does, and hears its outcome.
+TEST_F(VeqdPluginsTest, APluginStartsAPackageOperationAndHearsTheEnginesOutcome)
+{
+    world_->AddEmbedded({"Pkg.Caller", "CallerPlugin", "1.0.0.0", true, true, {}});
+    Json::Value policy = PluginWorld::PolicyDocument(PluginPolicy());
+    Json::Reader().parse(R"({"packages":[{"packageId":"Tool","packageVersion":"2.0"}]})", policy["update_policy"]);
+    const std::string temporary = root_ + "/policy.json.new";
+    std::ofstream(temporary) << Text(policy);
+    std::filesystem::rename(temporary, root_ + "/policy.json");
+    StartDaemon();
+    const std::string folder = world_->EmbeddedFolder("Pkg.Caller");
+    for (const std::string side : {"elevated", "user"}) {
+        std::ofstream(folder + "/" + side + ".calls.new")
+            << R"(- Start-PackageOperation {"requestId":")" << side
+            << R"(","packageId":"tool","operationType":"install"})" << "\n";
+        std::filesystem::rename(folder + "/" + side + ".calls.new", folder + "/" + side + ".calls");
+    }
+    for (const std::string side : {"elevated", "user"}) {
+        ASSERT_TRUE(Eventually([&] { return VEQ::Test::Exists(folder + "/" + side + ".answers"); }, 20s)) << side;
+        std::ifstream answers(folder + "/" + side + ".answers");
+        std::string line;
+        Json::Value answer;
+        ASSERT_TRUE(std::getline(answers, line) && Json::Reader().parse(line, answer)) << line;
+        EXPECT_EQ(answer["message"]["notification"]["payload"].asString(),
+                  R"({"packageId":"tool","requestId":")" + side + R"(","result":"OTA_pending"})");
+    }
+    const auto published = VEQ::Test::ChildProcess::Run(
+        {VEQCTL_PROGRAM, "--root", root_, "publish", "--topic", "30", "--state", "300", "--payload",
+         R"({"packageId":"Tool","packageType":"app","packageName":"T","packageVersion":"2.0","installationTrigger":"manual"})"});
+    ASSERT_EQ(published.exitCode, 0) << published.output;
+    for (const std::string side : {"elevated", "user"}) {
+        // The final word is written compact with a newline at its end, as it always was.
+        const std::string expected = R"({"packageId":"tool","requestId":")" + side + R"(","result":"installed"})" "\n";
+        EXPECT_TRUE(Eventually(
+            [&] {
+                std::ifstream pushes(folder + "/" + side + ".pushes");
+                for (std::string line; std::getline(pushes, line);) {
+                    Json::Value push;
+                    if (Json::Reader().parse(line, push) && push["command"] == "Receive-PackageOperationResult") {
+                        return push["payload"].asString() == expected;
+                    }
+                }
+                return false;
+            },
+            10s))
+            << side << ": " << std::ifstream(folder + "/" + side + ".pushes").rdbuf();
+    }
+}
+
 }  // namespace
 }  // namespace VEQ

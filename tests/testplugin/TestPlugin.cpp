@@ -5,8 +5,8 @@
 //   ...Forks...    starts a child that sleeps, and writes its pid to <side>.child;
 //   ...Bench...    asks one command and renames "<side>.first" into its folder when it is answered;
 //   ...Eager...    asks "Get-VeqStatus" from its entry itself and writes the answer to <side>.eager;
-//   ...Caller...   waits for <side>.calls in its folder, sends each "<target> <command>" line to
-//                  that target and writes the results to <side>.answers;
+//   ...Caller...   waits for <side>.calls in its folder, sends each "<target> <command> [payload]"
+//                  line to that target ("-": the service) and writes the results to <side>.answers;
 //   ...DiagKeep..., ...DiagDrop..., ...DiagText..., ...DiagSlow... answer "Get-Diagnostics" with
 //                  success and "TRUE" as a string, success and false, a payload that is no JSON,
 //                  and success after 31 s;
@@ -54,17 +54,20 @@ std::string Ask(const veq_host_api* host, const char* command, const std::string
     return text;
 }
 
-std::string Send(const veq_host_api* host, const std::string& command, const std::string& target)
+std::string Send(const veq_host_api* host, const std::string& command, const std::string& target,
+                 const std::string& payload)
 {
     char* result = nullptr;
-    const int status = host->send(host->host, command.c_str(), R"({"from":"plugin"})", target.c_str(), 20000, &result);
+    const int status = host->send(host->host, command.c_str(), payload.c_str(),
+                                  target == "-" ? nullptr : target.c_str(), 20000, &result);
     std::string text = status == VEQ_OK && result != nullptr ? result : "send failed: " + std::to_string(status);
     host->free_text(result);
     return text;
 }
 
-// Waits for the test's list of calls ("<target> <command>" per line), makes them, and writes
-// their results, one line each, to <side>.answers.
+// Waits for the test's list of calls ("<target> <command> [payload]" per line, target "-" for the
+// service itself, payload {"from":"plugin"} when none is given), makes them, and writes their
+// results, one line each, to <side>.answers.
 void Call(State* state)
 {
     const std::string calls = state->folder + "/" + state->side + ".calls";
@@ -73,10 +76,20 @@ void Call(State* state)
     }
     const std::string answers = state->folder + "/" + state->side + ".answers";
     if (FILE* file = std::fopen(calls.c_str(), "r")) {
-        char target[256];
-        char command[256];
-        while (std::fscanf(file, "%255s %255s", target, command) == 2) {
-            Append(answers + ".part", Send(state->host, command, target));
+        char line[4096];
+        while (std::fgets(line, sizeof line, file) != nullptr) {
+            std::string text(line);
+            text.erase(text.find_last_not_of("\r\n") + 1);
+            const size_t first = text.find(' ');
+            if (first == std::string::npos) {
+                continue;
+            }
+            const size_t second = text.find(' ', first + 1);
+            const std::string target = text.substr(0, first);
+            const std::string command = text.substr(first + 1, second == std::string::npos ? std::string::npos
+                                                                                             : second - first - 1);
+            const std::string payload = second == std::string::npos ? R"({"from":"plugin"})" : text.substr(second + 1);
+            Append(answers + ".part", Send(state->host, command, target, payload));
         }
         std::fclose(file);
     }
