@@ -4,6 +4,7 @@
 #include "commands/GetVeqStatusCommand.h"
 #include "commands/GetVeqTagsCommand.h"
 #include "commands/TestApplicabilityCommand.h"
+#include "digest/VerifySignatureOfDigestCommand.h"
 #include "mqtt/DisableMqttConnectionCommand.h"
 #include "mqtt/EnableMqttConnectionCommand.h"
 #include "mqtt/PublishMqttMessageCommand.h"
@@ -22,7 +23,7 @@ std::vector<BaseCommandHandler*> AppHandlerFactory::GetHandlers(BrokerContext co
             created.push_back(new EnableMqttConnectionCommand(log, clientContext.extensionId));
             created.push_back(new DisableMqttConnectionCommand(log, clientContext.extensionId));
             created.push_back(new PublishMqttMessageCommand(log, clientContext.extensionId));
-            // Row 9 "Verify-Signature" comes with its command.
+            created.push_back(new VerifySignatureOfDigestCommand(log));
             created.push_back(new TestApplicabilityCommand(log));
             created.push_back(new GetVeqTagsCommand(log, clientContext.extensionId));
             created.push_back(new GetPackagelistCommand(log));

@@ -7,6 +7,8 @@
 #include "commands/GetVeqTagsCommand.h"
 #include "commands/TestApplicabilityCommand.h"
 #include "commands/VerifyCustomSettingsEnabledCommand.h"
+#include "digest/RegistryAndDigestManagerCommand.h"
+#include "digest/VerifySignatureOfDigestCommand.h"
 #include "mqtt/DisableMqttConnectionCommand.h"
 #include "mqtt/EnableMqttConnectionCommand.h"
 #include "mqtt/NotifyZCPCommand.h"
@@ -31,12 +33,15 @@ std::vector<BaseCommandHandler*> PluginHandlerFactory::GetHandlers(BrokerContext
             created.push_back(new EnableMqttConnectionCommand(log, clientContext.extensionId));
             created.push_back(new DisableMqttConnectionCommand(log, clientContext.extensionId));
             created.push_back(new PublishMqttMessageCommand(log, clientContext.extensionId));
-            // Rows 10 and 11: "Verify-Signature", "Get-DecryptedData".
+            created.push_back(new VerifySignatureOfDigestCommand(log));
+            // Row 11 "Get-DecryptedData" comes with its command.
             created.push_back(new TestApplicabilityCommand(log));
             created.push_back(new VerifyCustomSettingsEnabledCommand(log));
             created.push_back(new GetVeqTagsCommand(log, clientContext.extensionId));
             created.push_back(new GetPackagelistCommand(log));
-            // Rows 16 to 20: the data protection, digest and warranty commands.
+            // Rows 16 to 18: "GetEncryptedDataCommand", the digest fetch and the warranty tags.
+            created.push_back(new RegistryAndDigestManagerCommand(log));
+            // Row 20, "GetEncryptedDataCommand" again, comes with its command.
             created.push_back(new StartPackageOperationCommand(log, clientContext.extensionId));
         },
         log, L"VEQ::PluginHandlerFactory::GetHandlers");

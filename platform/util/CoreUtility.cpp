@@ -2,6 +2,8 @@
 
 #include "platform/Platform.h"
 #include "platform/crypto/ICodeTrust.h"
+#include "platform/crypto/JwsVerifier.h"
+#include "platform/policy/IConfigAgent.h"
 #include "platform/log/Log.h"
 #include "platform/string/String.h"
 
@@ -9,6 +11,8 @@
 #include <cctype>
 #include <fstream>
 #include <optional>
+
+#include <openssl/evp.h>
 
 namespace VEQ {
 namespace {
@@ -84,6 +88,42 @@ bool CoreUtility::GetDeviceIdentity(DeviceIdentity& identity)
     }
     identity.deviceId.clear();
     return false;
+}
+
+std::string CoreUtility::ComputeUrlHash(const std::string& url)
+{
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    if (EVP_Digest(url.data(), url.size(), digest, &length, EVP_sha256(), nullptr) != 1) {
+        return {};
+    }
+    static constexpr char kHex[] = "0123456789abcdef";
+    std::string hash;
+    for (unsigned int i = 0; i < length; ++i) {
+        hash.push_back(kHex[digest[i] >> 4]);
+        hash.push_back(kHex[digest[i] & 0x0f]);
+    }
+    return hash;
+}
+
+SignatureCheckResult CoreUtility::VerifyContentWithKeys(const std::string& text, const std::vector<std::wstring>& keys,
+                                                        bool enforce)
+{
+    SignatureCheckResult result = JwsVerifier::VerifyContentWithKeys(text, keys, enforce);
+    if (!result.isValid) {
+        g_log.d(L"%s: %s", L"VEQ::CoreUtility::VerifyContentWithKeys", result.message);
+    } else if (result.status != SignatureCheckResult::kValid) {
+        g_log.w(L"%s: accepted unverified content: %s", L"VEQ::CoreUtility::VerifyContentWithKeys", result.message);
+    }
+    return result;
+}
+
+SignatureCheckResult CoreUtility::VerifyContentWithAgent(const std::string& text, std::shared_ptr<IConfigAgent> agent,
+                                                         bool enforce)
+{
+    const std::vector<std::wstring> keys =
+        agent ? JwsVerifier::KeysFromPolicy(String::UTF16ToUTF8(agent->GetConfigPolicy())) : std::vector<std::wstring>();
+    return VerifyContentWithKeys(text, keys, enforce);
 }
 
 bool CoreUtility::decodeSignedContent(const std::string& encoded, std::string& decoded, IConfigAgent* /*agent*/,

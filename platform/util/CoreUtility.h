@@ -1,6 +1,9 @@
 #pragma once
 // Device-level services of the host. For now: who this device is.
 
+#include "platform/crypto/SignatureCheckResult.h"
+
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -32,6 +35,15 @@ public:
     // Where the machine id is looked for, in order: /etc/machine-id, then D-Bus's copy for
     // systems without systemd. Replaceable for tests and for systems that keep it elsewhere.
     static std::vector<std::wstring> DefaultMachineIdFiles();
+
+    // The SHA-256 of a digest address, as 64 lower-case hex digits: what tells a changed address.
+    virtual std::string ComputeUrlHash(const std::string& url);
+    // Content signed by the back end (docs/digest.md), checked with these keys, or with those the
+    // agent's policy lists.
+    virtual SignatureCheckResult VerifyContentWithKeys(const std::string& text, const std::vector<std::wstring>& keys,
+                                                       bool enforce);
+    virtual SignatureCheckResult VerifyContentWithAgent(const std::string& text, std::shared_ptr<IConfigAgent> agent,
+                                                        bool enforce);
 
     // Opens a signed envelope (docs/signing.md) and gives its content in decoded. strict: only
     // an envelope whose signer chains to the trust anchors is opened; otherwise the content is

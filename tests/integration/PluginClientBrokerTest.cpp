@@ -93,8 +93,9 @@ TEST(PluginHandlerFactoryTest, BuildsTheVocabularyOfEachSide)
     const std::vector<std::string> plugin = {
         "Get-PluginDetails", "Get-PluginHostContext", "Get-VeqStatus",
         "Notify-ZCP",        "Enable-MqttConnection", "Disable-MqttConnection",
-        "Publish-MqttMessage", "Test-Applicability",    "VerifyCustomSettingsEnabledCommand",
-        "Get-VeqTags",         "Get-PackageList",       "Start-PackageOperation",
+        "Publish-MqttMessage", "Verify-Signature",      "Test-Applicability",
+        "VerifyCustomSettingsEnabledCommand", "Get-VeqTags", "Get-PackageList",
+        "RegistryAndDigestCleanup", "Start-PackageOperation",
     };
     const auto client = VEQ::Test::MakeClientContext("Contoso.Hello");
     EXPECT_EQ(CommandsOf(factory.GetHandlers(PluginContext(ElevationType::Elevated), client, details, log)), plugin);

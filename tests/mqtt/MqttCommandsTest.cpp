@@ -382,7 +382,7 @@ TEST_F(MqttCommandsTest, AppBrokersOfferTheMqttCommandsInTheirPlaceAndPluginsAlo
         }
         const std::vector<std::string> expected = {"Get-VeqStatus",       "Enable-MqttConnection",
                                                    "Disable-MqttConnection", "Publish-MqttMessage",
-                                                   "Test-Applicability",   "Get-VeqTags",
+                                                   "Verify-Signature",     "Test-Applicability",   "Get-VeqTags",
                                                    "Get-PackageList",      "Start-PackageOperation"};
         EXPECT_EQ(names, expected) << static_cast<int>(side);
     }
