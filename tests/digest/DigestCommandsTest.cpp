@@ -16,7 +16,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <unistd.h>
 
 namespace VEQ {
@@ -77,6 +80,31 @@ TEST(JwsVerifierTest, OnlyAKeyOfTheNamedAlgorithmThatVerifiesTheseBytesMakesItVa
         EXPECT_TRUE(JwsVerifier::VerifyContentWithKeys(row.text, row.keys, false).isValid) << row.what;
     }
     EXPECT_EQ(JwsVerifier::Payload(signedByRsa), R"({"messages":[]})");
+}
+
+// The walk-through in docs/digest.md, run as written, signs content that the service accepts.
+TEST(JwsVerifierTest, ContentSignedAsTheDocsSayVerifies)
+{
+    std::ifstream doc(std::string(VEQ_DOCS_DIR) + "/digest.md");
+    std::string text((std::istreambuf_iterator<char>(doc)), std::istreambuf_iterator<char>());
+    const size_t section = text.find("## Signing content");
+    ASSERT_NE(section, std::string::npos);
+    const size_t start = text.find("```sh\n", section);
+    const size_t end = text.find("```", start + 6);
+    ASSERT_NE(end, std::string::npos);
+    VEQ::Test::TempRoot root;
+    const std::string folder = root.BelowUtf8("signing");
+    std::filesystem::create_directories(folder);
+    std::ofstream(folder + "/digest.json") << R"({"messages":[{"id":"m1","text":"Caf\u00e9"}]})";
+    std::ofstream(folder + "/sign.sh") << "set -e\ncd " << folder << "\n" << text.substr(start + 6, end - start - 6);
+    ASSERT_EQ(std::system(("bash " + folder + "/sign.sh >/dev/null 2>&1").c_str()), 0);
+    std::ifstream signedFile(folder + "/digest.json.signed");
+    std::ifstream publicKey(folder + "/signer.pub");
+    const std::string signedText((std::istreambuf_iterator<char>(signedFile)), std::istreambuf_iterator<char>());
+    const std::string key((std::istreambuf_iterator<char>(publicKey)), std::istreambuf_iterator<char>());
+    const auto result = JwsVerifier::VerifyContentWithKeys(signedText, {String::UTF8ToUTF16(key)}, true);
+    EXPECT_TRUE(result.isValid) << result.message;
+    EXPECT_EQ(JwsVerifier::Payload(signedText), R"({"messages":[{"id":"m1","text":"Caf\u00e9"}]})");
 }
 
 class DigestCommandsTest : public ::testing::Test {
