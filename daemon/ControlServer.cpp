@@ -21,12 +21,14 @@
 #include <filesystem>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace VEQ {
 namespace {
 
 using Tavrin::Veq::ClientBroker::ConnectionDetails;
 using Tavrin::Veq::ClientBroker::INotificationBase;
+using Tavrin::Veq::ClientBroker::Notification;
 using Tavrin::Veq::ClientBroker::WireCodec;
 using Tavrin::Veq::ClientBroker::ZmqServerEndpoint;
 namespace Protocol = ::Veq::Sdk::ControlProtocol;
@@ -37,6 +39,8 @@ constexpr int32_t kNotSupportedStatus = -1;
 constexpr const char* kNotSupportedText = "Command not Supported";
 constexpr int32_t kSubscriberFailedStatus = 500;
 constexpr mode_t kPrivateMode = 0600;
+// A monitor that keeps falling behind is told of in the log at most this often.
+constexpr auto kDropLogInterval = std::chrono::seconds(1);
 
 ControlServer::Result Answer(const ControlServer::Message& request, bool success, int32_t statusCode,
                              const std::string& statusText)
@@ -68,6 +72,22 @@ ControlServer::Result BadRequest(const ControlServer::Message& request, const st
 {
     g_log.w(L"%s: refused a request: %s", L"VEQ::ControlServer::PublishEvent", statusText);
     return Answer(request, false, Protocol::kBadRequestStatus, statusText);
+}
+
+// The payload of a "Bus-Event" push: every member, always, so that a reader needs no defaults.
+std::string EncodeBusEvent(uint64_t sequence, const VEQNotificationData& data)
+{
+    Json::Value body(Json::objectValue);
+    body[Protocol::kSequence] = Json::UInt64(sequence);
+    body[Protocol::kTopic] = data.getTopicId();
+    body[Protocol::kState] = data.getEventState();
+    body[Protocol::kPayload] = String::UTF16ToUTF8(data.getPayload());
+    body[Protocol::kExtension] = data.isExtensionNotification();
+    body[Protocol::kMqttTopic] = String::UTF16ToUTF8(data.getTopic());
+    body[Protocol::kMessageType] = String::UTF16ToUTF8(data.getMessageType());
+    body[Protocol::kActionType] = String::UTF16ToUTF8(data.getActionType());
+    body[Protocol::kPublishFlag] = data.getPublishFlag();
+    return WireCodec::Write(body);
 }
 
 bool IsInteger(const Json::Value& value)
@@ -148,7 +168,16 @@ bool ControlServer::Start()
     path_ = path;
     endpoint_ = std::move(endpoint);
     stopping_ = false;
+    {
+        std::lock_guard<std::mutex> queueLock(queueMutex_);
+        forwarding_ = true;
+        sequence_ = 0;
+        dropped_ = 0;
+    }
+    forwardThread_ = std::thread(&ControlServer::ForwardThread, this);
     thread_ = std::thread(&ControlServer::ServeThread, this);
+    busSubscription_ = VEQPublisherSubscriber::GetInstance()->Subscribe(
+        [this](VEQNotificationData& data) { OnBusEvent(data); }, false);
     g_log.i(L"%s: listening on %s", function, path_);
     return true;
 }
@@ -158,6 +187,18 @@ void ControlServer::Stop()
     std::lock_guard<std::mutex> lock(mutex_);
     if (!endpoint_) {
         return;
+    }
+    // Off the bus first: once Unsubscribe returns, no publisher is inside OnBusEvent.
+    VEQPublisherSubscriber::GetInstance()->Unsubscribe(busSubscription_);
+    busSubscription_.clear();
+    {
+        std::lock_guard<std::mutex> queueLock(queueMutex_);
+        forwarding_ = false;
+        queue_.clear();
+    }
+    queueChanged_.notify_all();
+    if (forwardThread_.joinable()) {
+        forwardThread_.join();
     }
     stopping_ = true;
     endpoint_->Stop();
@@ -202,16 +243,70 @@ void ControlServer::ServeThread()
 
 ControlServer::Result ControlServer::Handle(const Message& request)
 {
-    if (request.notification.command == Protocol::kPublishEventCommand) {
-        return PublishEvent(request);
-    }
-    if (request.notification.command == Protocol::kListPluginsCommand) {
-        return ListPlugins(request);
-    }
-    if (request.notification.command == Protocol::kCollectDiagnosticsCommand) {
-        return CollectDiagnostics(request);
+    using Handler = Result (ControlServer::*)(const Message&);
+    static constexpr std::pair<const char*, Handler> kHandlers[] = {
+        {Protocol::kPublishEventCommand, &ControlServer::PublishEvent},
+        {Protocol::kListPluginsCommand, &ControlServer::ListPlugins},
+        {Protocol::kCollectDiagnosticsCommand, &ControlServer::CollectDiagnostics},
+    };
+    for (const auto& [command, handler] : kHandlers) {
+        if (request.notification.command == command) {
+            return (this->*handler)(request);
+        }
     }
     return Answer(request, false, kNotSupportedStatus, kNotSupportedText);
+}
+
+void ControlServer::OnBusEvent(const VEQNotificationData& data)
+{
+    {
+        std::lock_guard<std::mutex> lock(queueMutex_);
+        if (!forwarding_) {
+            return;
+        }
+        ++sequence_;
+        if (queue_.size() >= kMaxQueuedEvents) {
+            ++dropped_;  // the monitors see the gap in the sequence; the log says how many
+            return;
+        }
+        queue_.push_back({sequence_, data});
+    }
+    queueChanged_.notify_one();
+}
+
+// Pushes the queued events one by one, in their order. A push waits only for the endpoint's
+// channel thread, which never waits for a client: a monitor that does not read loses pushes there.
+void ControlServer::ForwardThread()
+{
+    const wchar_t* function = L"VEQ::ControlServer::ForwardThread";
+    std::unique_lock<std::mutex> lock(queueMutex_);
+    while (true) {
+        queueChanged_.wait(lock, [this] { return !forwarding_ || !queue_.empty(); });
+        if (!forwarding_) {
+            break;
+        }
+        QueuedEvent event = std::move(queue_.front());
+        queue_.pop_front();
+        const auto now = std::chrono::steady_clock::now();
+        uint64_t dropped = 0;
+        if (dropped_ > 0 && (queue_.empty() || now - lastDropLog_ >= kDropLogInterval)) {
+            dropped = std::exchange(dropped_, 0);
+            lastDropLog_ = now;
+        }
+        lock.unlock();
+        if (dropped > 0) {
+            g_log.w(L"%s: the monitors fell behind: %u bus events dropped", function, dropped);
+        }
+        try {
+            Notification push;
+            push.command = Protocol::kBusEventCommand;
+            push.payload = EncodeBusEvent(event.sequence, event.data);
+            endpoint_->SendNotification(push);
+        } catch (const std::exception& failure) {
+            g_log.e(L"%s: Exception: %s", function, failure.what());
+        }
+        lock.lock();
+    }
 }
 
 ControlServer::Result ControlServer::PublishEvent(const Message& request)

@@ -69,24 +69,31 @@ Error ControlClient::CollectDiagnostics(const std::string& pluginId, const std::
     return Exchange(ControlProtocol::kCollectDiagnosticsCommand, Json::writeString(writer, request), result);
 }
 
-Error ControlClient::Exchange(const char* command, const std::string& payload, Result& result)
+Error ControlClient::CheckReachable(const DataRoot& root, const std::string& path)
 {
-    // Checked once rather than waited for: a missing control socket means the service is not there.
-    switch (const int error = SocketFile::Probe(path_)) {
+    switch (const int error = SocketFile::Probe(path)) {
     case 0:
-        break;
+        return {};
     case ENOENT:
     case ECONNREFUSED:
-        return {ErrorCode::Unreachable, "nothing listens on the control socket " + path_ + " (" + std::strerror(error) +
-                                            "): the service is not running with data root " + root_.Describe() +
+        return {ErrorCode::Unreachable, "nothing listens on the control socket " + path + " (" + std::strerror(error) +
+                                            "): the service is not running with data root " + root.Describe() +
                                             ". Start it, or name its data root (veqctl --root, or VEQ_ROOT)."};
     case EACCES:
     case EPERM:
         return {ErrorCode::PermissionDenied,
-                "permission denied on the control socket " + path_ +
+                "permission denied on the control socket " + path +
                     ": it is open only to the service's own user. Run this as that user (for example with sudo)."};
     default:
-        return {ErrorCode::Unreachable, "cannot reach the control socket " + path_ + ": " + std::strerror(error) + "."};
+        return {ErrorCode::Unreachable, "cannot reach the control socket " + path + ": " + std::strerror(error) + "."};
+    }
+}
+
+Error ControlClient::Exchange(const char* command, const std::string& payload, Result& result)
+{
+    // Checked once rather than waited for: a missing control socket means the service is not there.
+    if (Error error = CheckReachable(root_, path_)) {
+        return error;
     }
     ClientConnection connection;
     if (!connection.ConnectRequestsOnly(path_, timeout_)) {

@@ -28,6 +28,9 @@ public:
     const std::string& SocketPath() const { return path_; }
     // The request's payload for event.
     static std::string EncodeEvent(const ControlEvent& event);
+    // Why the control socket at path (under root) cannot be used, in words for the user: the
+    // service not running, or a user other than the service's. None when something listens.
+    static Error CheckReachable(const DataRoot& root, const std::string& path);
 
 private:
     Error Exchange(const char* command, const std::string& payload, Result& result);

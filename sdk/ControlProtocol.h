@@ -1,6 +1,6 @@
 #pragma once
 // The service's control socket, <data root>/control: the endpoint of docs/protocol.md, open only
-// to the service's own user, through which tools put events on the service's bus.
+// to the service's own user, through which tools put events on the service's bus and watch it.
 //
 // Request: a Message with command "Publish-Event" and as payload the text of a JSON object
 //   {"topic": int, "state": int, "payload": string, "extension": bool, "mqttTopic": string,
@@ -25,6 +25,17 @@
 //                 "success": bool, "deleteFilesOnUpload": bool, "folder"}]}
 // where a plugin asked for by id that does not run gives one result with "side" "none" and every
 // flag false but deleteFilesOnUpload. isSuccess false with statusCode 400 for bad input.
+//
+// Monitors: a client that connects the "_notify" channel (hello, then welcome) is sent every
+// event of the service's bus, in the order they were published, as a push with command
+// "Bus-Event" and as payload the text of a JSON object with every member present:
+//   {"sequence": int, "topic": int, "state": int, "payload": string, "extension": bool,
+//    "mqttTopic": string, "messageType": string, "actionType": string, "publishFlag": int}
+// "sequence" counts the bus's events from 1 since the control socket started: a gap means events
+// were lost on the way (a monitor that falls behind loses events; the bus never waits for one),
+// a smaller number a service that restarted. Filtering is the monitor's business. Events published
+// with "Publish-Event" are forwarded too, possibly after its result. Other push commands may come
+// later: skip them.
 
 namespace Veq::Sdk::ControlProtocol {
 
@@ -32,6 +43,7 @@ inline constexpr const char* kSocketName = "control";
 inline constexpr const char* kPublishEventCommand = "Publish-Event";
 inline constexpr const char* kListPluginsCommand = "List-Plugins";
 inline constexpr const char* kCollectDiagnosticsCommand = "Collect-Diagnostics";
+inline constexpr const char* kBusEventCommand = "Bus-Event";  // a push to monitors
 
 inline constexpr const char* kTopic = "topic";
 inline constexpr const char* kState = "state";
@@ -40,6 +52,8 @@ inline constexpr const char* kExtension = "extension";
 inline constexpr const char* kMqttTopic = "mqttTopic";
 inline constexpr const char* kMessageType = "messageType";
 inline constexpr const char* kActionType = "actionType";
+inline constexpr const char* kSequence = "sequence";
+inline constexpr const char* kPublishFlag = "publishFlag";
 
 inline constexpr int kBadRequestStatus = 400;
 

@@ -28,7 +28,7 @@ ExitCode ExitCodes::For(Sdk::ErrorCode code)
 const char* ExitCodes::Help()
 {
     return "The common options (--root, --side, --id, --name, --timeout) may also follow the subcommand;\n"
-           "after listen, --timeout is listen's own.\n\n"
+           "after listen or monitor, --timeout is their own.\n\n"
            "Exit codes:\n"
            "  0  done: a result arrived (whatever its isSuccess), the pushes came, or the event was accepted\n"
            "  1  unexpected failure (an answer that breaks the protocol)\n"
@@ -36,7 +36,7 @@ const char* ExitCodes::Help()
            "  3  the service cannot be reached: not running, side not open, permission denied, no answer to the\n"
            "     handshake, or the service went away\n"
            "  4  the service refused the connection (e.g. too many connections from one process)\n"
-           "  5  connected, but no result (send) or not all pushes (listen --count) within the timeout\n"
+           "  5  connected, but no result (send), not all pushes (listen --count, send --until) or events (monitor --count) within the timeout\n"
            "  6  publish, plugins, diagnostics: the service did not accept the request\n"
            "  7  diagnostics: a running plugin was not reached\n";
 }

@@ -4,6 +4,7 @@
 #include "tools/veqctl/DiagnosticsCommand.h"
 #include "tools/veqctl/ExitCode.h"
 #include "tools/veqctl/ListenCommand.h"
+#include "tools/veqctl/MonitorCommand.h"
 #include "tools/veqctl/PluginsCommand.h"
 #include "tools/veqctl/PublishCommand.h"
 #include "tools/veqctl/SendCommand.h"
@@ -16,7 +17,7 @@
 int main(int argc, char** argv)
 {
     using namespace Veq::Tools;
-    CLI::App app("veqctl: talk to the service as an app does, or put events on its bus");
+    CLI::App app("veqctl: talk to the service as an app does, or put events on its bus and watch them");
     // The common options may also follow the subcommand: veqctl send Get-VeqStatus --side elevated.
     app.fallthrough();
     app.require_subcommand(1);
@@ -28,6 +29,7 @@ int main(int argc, char** argv)
     PublishCommand publish(app, common);
     PluginsCommand plugins(app, common);
     DiagnosticsCommand diagnostics(app, common);
+    MonitorCommand monitor(app, common);
 
     try {
         app.parse(argc, argv);
@@ -49,6 +51,9 @@ int main(int argc, char** argv)
         }
         if (diagnostics.Selected()) {
             return diagnostics.Run(std::cout, std::cerr);
+        }
+        if (monitor.Selected()) {
+            return monitor.Run(std::cout, std::cerr);
         }
     } catch (const std::exception& failure) {
         std::cerr << "veqctl: " << failure.what() << "\n";
