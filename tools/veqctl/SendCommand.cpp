@@ -6,6 +6,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <chrono>
 #include <ostream>
 
 namespace Veq::Tools {
@@ -19,6 +20,11 @@ SendCommand::SendCommand(CLI::App& app, const CommonOptions& common) : common_(c
         ->capture_default_str();
     subcommand_->add_option("--target", targetId_, "Route the command to the client with this extension id");
     subcommand_->add_option("--target-name", targetName_, "The target's display name, used in error texts");
+    subcommand_->add_option("--listen", listenSeconds_,
+                            "After the result, keep this connection open this many seconds and print each push it "
+                            "gets, one line of JSON each (a pending operation's final result comes only here)")
+        ->check(CLI::PositiveNumber);
+    subcommand_->add_option("--until", untilCommand_, "With --listen: stop after the first push of this command");
     subcommand_->footer(ExitCodes::Help());
 }
 
@@ -35,7 +41,25 @@ int SendCommand::Run(std::ostream& out, std::ostream& err) const
         err << "veqctl: " << error.Message() << "\n";
         return ExitCodes::For(error.Code());
     }
-    out << Tavrin::Veq::ClientBroker::WireCodec::EncodeResult(result) << "\n";
+    out << Tavrin::Veq::ClientBroker::WireCodec::EncodeResult(result) << std::endl;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(static_cast<int64_t>(listenSeconds_ * 1000));
+    while (listenSeconds_ > 0) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) {
+            break;
+        }
+        if (auto push = client.NextPush(left)) {
+            out << Tavrin::Veq::ClientBroker::WireCodec::Write(Tavrin::Veq::ClientBroker::WireCodec::ToJson(*push))
+                << std::endl;
+            if (!untilCommand_.empty() && push->command == untilCommand_) {
+                return kDone;
+            }
+        }
+    }
+    if (!untilCommand_.empty() && listenSeconds_ > 0) {
+        err << "veqctl: no \"" << untilCommand_ << "\" came within " << listenSeconds_ << " s\n";
+        return kTimedOut;
+    }
     return kDone;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
-// veqctl send: one command to the service, its result printed as one line of JSON.
+// veqctl send: one command to the service, its result printed as one line of JSON; optionally
+// the pushes that follow on the same connection (a deferred result comes only there).
 
 #include "tools/veqctl/CommonOptions.h"
 
@@ -25,6 +26,8 @@ private:
     std::string payload_ = "{}";
     std::string targetId_;
     std::string targetName_;
+    double listenSeconds_ = 0;
+    std::string untilCommand_;
 };
 
 }  // namespace Veq::Tools
