@@ -1,6 +1,7 @@
 #include "broker/AppHandlerFactory.h"
 
 #include "broker/HandlerList.h"
+#include "commands/GetDeviceConfigCommand.h"
 #include "commands/GetVeqStatusCommand.h"
 #include "commands/GetVeqTagsCommand.h"
 #include "commands/TestApplicabilityCommand.h"
@@ -20,6 +21,8 @@ std::vector<BaseCommandHandler*> AppHandlerFactory::GetHandlers(BrokerContext co
         context,
         [&](std::vector<BaseCommandHandler*>& created) {
             created.push_back(new GetVeqStatusCommand(log));
+            // Rows 2 to 4: "Get-DeviceAccessStamp" and the two registration commands.
+            created.push_back(new GetDeviceConfigCommand(log));
             created.push_back(new EnableMqttConnectionCommand(log, clientContext.extensionId));
             created.push_back(new DisableMqttConnectionCommand(log, clientContext.extensionId));
             created.push_back(new PublishMqttMessageCommand(log, clientContext.extensionId));

@@ -1,6 +1,7 @@
 #include "broker/PluginHandlerFactory.h"
 
 #include "broker/HandlerList.h"
+#include "commands/GetDeviceConfigCommand.h"
 #include "commands/GetPluginDetailsCommand.h"
 #include "commands/GetPluginHostContextCommand.h"
 #include "commands/GetVeqStatusCommand.h"
@@ -28,7 +29,8 @@ std::vector<BaseCommandHandler*> PluginHandlerFactory::GetHandlers(BrokerContext
             created.push_back(new GetPluginDetailsCommand(log, pluginDetails));
             created.push_back(new GetPluginHostContextCommand(log, pluginDetails));
             created.push_back(new GetVeqStatusCommand(log));
-            // Row 4 "Get-DeviceConfig" and row 5 "Invoke-HttpRequest" come with their commands.
+            created.push_back(new GetDeviceConfigCommand(log));
+            // Row 5 "Invoke-HttpRequest" comes with its command.
             created.push_back(new NotifyZCPCommand(log));
             created.push_back(new EnableMqttConnectionCommand(log, clientContext.extensionId));
             created.push_back(new DisableMqttConnectionCommand(log, clientContext.extensionId));

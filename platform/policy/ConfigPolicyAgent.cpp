@@ -1,11 +1,21 @@
 #include "platform/policy/ConfigPolicyAgent.h"
 
+#include "platform/bus/VEQNotificationData.h"
+#include "platform/bus/VEQPublisherSubscriber.h"
 #include "platform/log/Log.h"
 #include "platform/policy/PolicyFile.h"
+#include "platform/policy/PolicyRefreshStatus.h"
+#include "platform/policy/PolicyRefresher.h"
 #include "platform/policy/PolicyText.h"
 #include "platform/string/String.h"
 
 namespace VEQ {
+namespace {
+
+constexpr int kConfigTopic = 4;
+constexpr int kConfigChangedState = 15;
+
+}  // namespace
 
 ConfigPolicyAgent* ConfigPolicyAgent::GetInstance()
 {
@@ -61,6 +71,54 @@ std::wstring ConfigPolicyAgent::GetConfigPolicy()
     return String::UTF8ToUTF16(Json::writeString(writer, document));
 }
 
+ConfigPolicyAgent::~ConfigPolicyAgent()
+{
+    SetRefreshSource(nullptr);
+}
+
+int32_t ConfigPolicyAgent::GetRefreshStatus()
+{
+    std::shared_ptr<PolicyRefresher> refresher;
+    {
+        std::lock_guard<std::mutex> lock(refresherMutex_);
+        refresher = refresher_;
+    }
+    return refresher ? refresher->Status() : PolicyRefreshStatus::kNone;
+}
+
+void ConfigPolicyAgent::SetRefreshSource(std::shared_ptr<IPolicyRefreshSource> source)
+{
+    std::lock_guard<std::mutex> serial(sourceMutex_);
+    std::shared_ptr<PolicyRefresher> previous;
+    {
+        std::lock_guard<std::mutex> lock(refresherMutex_);
+        previous = std::move(refresher_);
+    }
+    if (previous) {
+        previous->Stop();  // outside refresherMutex_: its refresh may read the policy meanwhile
+    }
+    if (!source) {
+        return;
+    }
+    auto refresher = std::make_shared<PolicyRefresher>(std::move(source));
+    if (!refresher->Start()) {
+        g_log.e(L"%s: the policy cannot be refreshed", L"VEQ::ConfigPolicyAgent::SetRefreshSource");
+        return;
+    }
+    std::lock_guard<std::mutex> lock(refresherMutex_);
+    refresher_ = std::move(refresher);
+}
+
+bool ConfigPolicyAgent::ReportRefreshStatus(int32_t status)
+{
+    std::shared_ptr<PolicyRefresher> refresher;
+    {
+        std::lock_guard<std::mutex> lock(refresherMutex_);
+        refresher = refresher_;
+    }
+    return refresher && refresher->Report(status);
+}
+
 bool ConfigPolicyAgent::GetMqttPolicy(MqttPolicy& policy)
 {
     const Json::Value mqtt = Member("mqtt");
@@ -114,6 +172,16 @@ bool ConfigPolicyAgent::ReplacePolicyDocument(const Json::Value& document)
         return false;
     }
     document_ = document;
+    return true;
+}
+
+bool ConfigPolicyAgent::ApplyPolicyDocument(const Json::Value& document)
+{
+    if (!ReplacePolicyDocument(document)) {
+        return false;
+    }
+    VEQNotificationData data(kConfigTopic, kConfigChangedState, L"");
+    VEQPublisherSubscriber::GetInstance()->Notify(data, L"policy");
     return true;
 }
 

@@ -9,11 +9,16 @@
 
 #include <json/json.h>
 
+#include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
 namespace VEQ {
+
+class IPolicyRefreshSource;
+class PolicyRefresher;
 
 class ConfigPolicyAgent : public IConfigAgent {
 public:
@@ -26,7 +31,7 @@ public:
 
     ConfigPolicyAgent(const ConfigPolicyAgent&) = delete;
     ConfigPolicyAgent& operator=(const ConfigPolicyAgent&) = delete;
-    ~ConfigPolicyAgent() override = default;
+    ~ConfigPolicyAgent() override;
 
     bool GetDeviceConfigPolicy(DeviceConfigPolicy& policy) override;
     std::wstring GetConfigPolicy() override;
@@ -35,6 +40,17 @@ public:
     bool LoadPlatformPolicy(PlatformPolicy& policy) override;
     // Fills policy from the document's "mqtt" object; empty fields when there is none.
     bool GetMqttPolicy(MqttPolicy& policy) override;
+
+    // PolicyRefreshStatus::kNone while the agent has no refresh source.
+    int32_t GetRefreshStatus() override;
+
+    // Refreshes from source on each request on the bus (topic 4, state 24), one refresh at a
+    // time on a thread of the agent's (see PolicyRefresher). Replaces the source set before, after
+    // its refresh has ended; null: no more refreshes.
+    void SetRefreshSource(std::shared_ptr<IPolicyRefreshSource> source);
+    // The outcome of a refresh made by another agent (see ExternalRefreshSource). False when no
+    // such refresh is running.
+    bool ReportRefreshStatus(int32_t status);
 
     // Fills policy from the document's "update_policy" object; an empty policy when there is none,
     // and then false.
@@ -51,6 +67,9 @@ public:
     // Like SetPolicyDocument, but only when document differs from the one in force by value.
     // True when it was replaced.
     bool ReplacePolicyDocument(const Json::Value& document);
+    // ReplacePolicyDocument, and when the document was replaced, the announcement of the change on
+    // the bus (topic 4, state 15), made on the caller's thread.
+    bool ApplyPolicyDocument(const Json::Value& document);
     // A copy of the document in force; null before the first one.
     Json::Value GetPolicyDocument() const;
 
@@ -63,6 +82,9 @@ private:
 
     mutable std::mutex mutex_;  // guards document_
     Json::Value document_;
+    std::mutex refresherMutex_;  // guards refresher_; never held while a refresher stops
+    std::shared_ptr<PolicyRefresher> refresher_;
+    std::mutex sourceMutex_;     // serialises SetRefreshSource
 };
 
 }  // namespace VEQ

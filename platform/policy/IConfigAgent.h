@@ -3,7 +3,9 @@
 #include "platform/policy/DeviceConfigPolicy.h"
 #include "platform/policy/MqttPolicy.h"
 #include "platform/policy/PlatformPolicy.h"
+#include "platform/policy/PolicyRefreshStatus.h"
 
+#include <cstdint>
 #include <string>
 
 namespace VEQ {
@@ -17,6 +19,9 @@ public:
     virtual std::wstring GetConfigPolicy() = 0;
     virtual bool LoadPlatformPolicy(PlatformPolicy& policy) = 0;
     virtual bool GetMqttPolicy(MqttPolicy& policy) = 0;
+    // The refresh that topic 4, state 24 on the bus asks for: -1 while it runs, then how it ended,
+    // as PolicyRefreshStatus lists.
+    virtual int32_t GetRefreshStatus() = 0;
 };
 
 }  // namespace VEQ

@@ -5,6 +5,7 @@
 #include "platform/crypto/JwsVerifier.h"
 #include "platform/policy/IConfigAgent.h"
 #include "platform/log/Log.h"
+#include "platform/registry/CRegUtil.h"
 #include "platform/string/String.h"
 
 #include <algorithm>
@@ -134,6 +135,19 @@ bool CoreUtility::decodeSignedContent(const std::string& encoded, std::string& d
         g_log.e(L"%s: %s", L"VEQ::CoreUtility::decodeSignedContent", result.message);
     }
     return result.isValid;
+}
+
+bool CoreUtility::IsDeviceRegistered()
+{
+    uint32_t registered = 0;
+    return CRegUtil::GetRegValueOfDwordType(HKEY_LOCAL_MACHINE, kRegistrationKey, kRegistrationValue, registered) &&
+           registered == 1;
+}
+
+bool CoreUtility::SetDeviceRegistered(bool registered)
+{
+    return CRegUtil::SetKeyValue(HKEY_LOCAL_MACHINE, kRegistrationKey, kRegistrationValue,
+                                 static_cast<uint32_t>(registered ? 1 : 0));
 }
 
 }  // namespace VEQ

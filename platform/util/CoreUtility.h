@@ -53,6 +53,16 @@ public:
                                      bool strict);
     void SetMachineIdFiles(std::vector<std::wstring> files);
 
+    // Whether the device is registered with the management back end, as the host's registration
+    // agent last wrote it: the DWORD kRegistrationValue under kRegistrationKey of the local-machine
+    // hive, 1 for registered (docs/registry.md). Absent, or any other number: not registered.
+    static constexpr const wchar_t* kRegistrationKey = L"Software\\Tavrin\\VEQ\\Registration";
+    static constexpr const wchar_t* kRegistrationValue = L"DeviceRegistered";
+    virtual bool IsDeviceRegistered();
+    // Writes that value, as the registration agent does (and veqd for tests and demos). Announcing
+    // the change on the bus (topic 2, state 11 or 12) is the writer's part.
+    virtual bool SetDeviceRegistered(bool registered);
+
 protected:
     CoreUtility();
 

@@ -92,7 +92,7 @@ TEST(PluginHandlerFactoryTest, BuildsTheVocabularyOfEachSide)
     PluginHandlerFactory factory;
     const std::vector<std::string> plugin = {
         "Get-PluginDetails", "Get-PluginHostContext", "Get-VeqStatus",
-        "Notify-ZCP",        "Enable-MqttConnection", "Disable-MqttConnection",
+        "Get-DeviceConfig",  "Notify-ZCP",        "Enable-MqttConnection", "Disable-MqttConnection",
         "Publish-MqttMessage", "Verify-Signature",      "Test-Applicability",
         "VerifyCustomSettingsEnabledCommand", "Get-VeqTags", "Get-PackageList",
         "RegistryAndDigestCleanup", "Start-PackageOperation",

@@ -3,6 +3,8 @@
 #include "platform/bus/VEQNotificationData.h"
 #include "platform/string/String.h"
 
+#include <chrono>
+
 namespace VEQ::Test {
 
 void FakeConfigAgent::SetMqtt(std::wstring features, std::wstring connectType)
@@ -42,6 +44,51 @@ bool FakeConfigAgent::GetMqttPolicy(MqttPolicy& policy)
     std::lock_guard<std::mutex> lock(mutex_);
     policy = mqtt_;
     return true;
+}
+
+void FakeRefreshSource::SetOnPass(std::function<int32_t(int pass)> onPass)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    onPass_ = std::move(onPass);
+}
+
+void FakeRefreshSource::Hold()
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    held_ = true;
+}
+
+void FakeRefreshSource::Release()
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    held_ = false;
+    changed_.notify_all();
+}
+
+int FakeRefreshSource::Started()
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    return started_;
+}
+
+bool FakeRefreshSource::WaitForStarted(int count)
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::seconds(10), [&] { return started_ >= count; });
+}
+
+int32_t FakeRefreshSource::Refresh()
+{
+    std::function<int32_t(int)> onPass;
+    int pass = 0;
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        pass = ++started_;
+        changed_.notify_all();
+        changed_.wait(lock, [this] { return !held_; });
+        onPass = onPass_;
+    }
+    return onPass ? onPass(pass) : 0;
 }
 
 std::vector<std::wstring> FakeNotificationAgent::ConnectIds()

@@ -1,13 +1,17 @@
 #pragma once
-// Doubles of the service's agents: a policy whose MQTT record the test sets, and an MQTT
-// connection whose state the test drives and whose requests it records.
+// Doubles of the service's agents: a policy whose MQTT record the test sets, a source of policy
+// refreshes that the test holds and answers, and an MQTT connection whose state the test drives
+// and whose requests it records.
 
 #include "platform/mqtt/INotificationAgent.h"
 #include "platform/policy/IConfigAgent.h"
+#include "platform/policy/IPolicyRefreshSource.h"
 
 #include <json/json.h>
 
 #include <atomic>
+#include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -18,16 +22,44 @@ class FakeConfigAgent : public IConfigAgent {
 public:
     void SetMqtt(std::wstring features, std::wstring connectType);
     void SetDocument(const Json::Value& document);
+    // What GetRefreshStatus answers; PolicyRefreshStatus::kNone until set.
+    void SetRefreshStatus(int32_t status) { refreshStatus_ = status; }
 
     bool GetDeviceConfigPolicy(DeviceConfigPolicy& policy) override;
     std::wstring GetConfigPolicy() override;
     bool LoadPlatformPolicy(PlatformPolicy& policy) override;
     bool GetMqttPolicy(MqttPolicy& policy) override;
+    int32_t GetRefreshStatus() override { return refreshStatus_; }
 
 private:
+    std::atomic<int32_t> refreshStatus_{PolicyRefreshStatus::kNone};
     std::mutex mutex_;
     MqttPolicy mqtt_;
     Json::Value document_;
+};
+
+// Each refresh pass waits while the source is held, then answers what onPass returns (0 unless
+// set). Cancel lets every pass through.
+class FakeRefreshSource : public IPolicyRefreshSource {
+public:
+    explicit FakeRefreshSource(bool held = false) : held_(held) {}
+
+    void SetOnPass(std::function<int32_t(int pass)> onPass);
+    void Hold();
+    void Release();
+    // Passes entered so far; WaitForStarted waits up to 10 s for count of them.
+    int Started();
+    bool WaitForStarted(int count);
+
+    int32_t Refresh() override;
+    void Cancel() override { Release(); }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    bool held_;
+    int started_ = 0;
+    std::function<int32_t(int)> onPass_;
 };
 
 class FakeNotificationAgent : public INotificationAgent {
