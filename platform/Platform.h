@@ -3,6 +3,8 @@
 // veqd installs the Linux implementations and its agents at start; tests install doubles in
 // their fixtures. A facade used before Install runs gets the Linux implementation with default paths.
 
+#include "platform/http/HttpClientSettings.h"
+
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -49,6 +51,8 @@ struct PlatformSettings {
     // Where the active user session is learnt: "logind", or "file" (sessionFile, see SessionFileSource).
     std::string sessionSource = "logind";
     std::string sessionFile;
+    // How the service reaches the back end over HTTPS (host config "http", docs/http.md).
+    HttpClientSettings http;
 };
 
 using EndpointFactoryFunction = std::function<Tavrin::Veq::ClientBroker::INotificationBase*(const std::string& role)>;

@@ -3,6 +3,7 @@
 #include "platform/Platform.h"
 #include "platform/crypto/ICodeTrust.h"
 #include "platform/crypto/JwsVerifier.h"
+#include "platform/http/HttpClient.h"
 #include "platform/policy/IConfigAgent.h"
 #include "platform/log/Log.h"
 #include "platform/registry/CRegUtil.h"
@@ -89,6 +90,21 @@ bool CoreUtility::GetDeviceIdentity(DeviceIdentity& identity)
     }
     identity.deviceId.clear();
     return false;
+}
+
+VEQCore::InvokeHttpResponse CoreUtility::SendHttpRequest(const std::string& url,
+                                                         const std::map<std::string, std::string>& headers,
+                                                         VEQCore::HttpMethodCode method, const std::string& payload,
+                                                         int32_t authType, bool flag, const std::string& responseFile)
+{
+    // A client per call: the settings are read as they are now, and calls share nothing.
+    return HttpClient(Platform::Settings().http)
+        .SendHttpRequest(url, headers, method, payload, authType, flag, responseFile);
+}
+
+std::string CoreUtility::ConvertBytesToString(const std::vector<uint8_t>& bytes)
+{
+    return HttpClient::ConvertBytesToString(bytes);
 }
 
 std::string CoreUtility::ComputeUrlHash(const std::string& url)

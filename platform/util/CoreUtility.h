@@ -2,7 +2,11 @@
 // Device-level services of the host. For now: who this device is.
 
 #include "platform/crypto/SignatureCheckResult.h"
+#include "platform/http/HttpMethodCode.h"
+#include "platform/http/InvokeHttpResponse.h"
 
+#include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -35,6 +39,15 @@ public:
     // Where the machine id is looked for, in order: /etc/machine-id, then D-Bus's copy for
     // systems without systemd. Replaceable for tests and for systems that keep it elsewhere.
     static std::vector<std::wstring> DefaultMachineIdFiles();
+
+    // One HTTPS exchange with the back end, with the host's HTTP settings (docs/http.md). Status 0
+    // in the reply when no exchange took place.
+    virtual VEQCore::InvokeHttpResponse SendHttpRequest(const std::string& url,
+                                                        const std::map<std::string, std::string>& headers,
+                                                        VEQCore::HttpMethodCode method, const std::string& payload,
+                                                        int32_t authType, bool flag, const std::string& responseFile);
+    // A reply's body bytes as they are.
+    static std::string ConvertBytesToString(const std::vector<uint8_t>& bytes);
 
     // The SHA-256 of a digest address, as 64 lower-case hex digits: what tells a changed address.
     virtual std::string ComputeUrlHash(const std::string& url);

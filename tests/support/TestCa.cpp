@@ -48,9 +48,11 @@ void AddExtension(X509* certificate, X509* issuer, int nid, const char* value)
     X509_EXTENSION_free(extension);
 }
 
+enum class Use { Authority, CodeSigning, TlsServer, TlsClient };
+
 // A certificate for key, issued by issuer (itself when null), valid from notBefore to notAfter
 // seconds from now.
-Certificate Issue(EVP_PKEY* key, const std::string& commonName, X509* issuer, EVP_PKEY* issuerKey, bool authority,
+Certificate Issue(EVP_PKEY* key, const std::string& commonName, X509* issuer, EVP_PKEY* issuerKey, Use use,
                   long notBefore, long notAfter)
 {
     static std::atomic<long> serial{1};
@@ -66,13 +68,17 @@ Certificate Issue(EVP_PKEY* key, const std::string& commonName, X509* issuer, EV
     X509_set_issuer_name(raw, issuer != nullptr ? X509_get_subject_name(issuer) : name);
     Check(X509_set_pubkey(raw, key) == 1, "public key");
     X509* signer = issuer != nullptr ? issuer : raw;
-    if (authority) {
+    if (use == Use::Authority) {
         AddExtension(raw, signer, NID_basic_constraints, "critical,CA:TRUE");
         AddExtension(raw, signer, NID_key_usage, "critical,keyCertSign,cRLSign");
     } else {
         AddExtension(raw, signer, NID_basic_constraints, "critical,CA:FALSE");
         AddExtension(raw, signer, NID_key_usage, "critical,digitalSignature");
-        AddExtension(raw, signer, NID_ext_key_usage, "codeSigning");
+        AddExtension(raw, signer, NID_ext_key_usage,
+                     use == Use::CodeSigning ? "codeSigning" : use == Use::TlsServer ? "serverAuth" : "clientAuth");
+    }
+    if (use == Use::TlsServer) {
+        AddExtension(raw, signer, NID_subject_alt_name, "IP:127.0.0.1,DNS:localhost");
     }
     Check(X509_sign(raw, issuerKey != nullptr ? issuerKey : key, EVP_sha256()) > 0, "certificate signing");
     return certificate;
@@ -96,12 +102,34 @@ void WriteCertificate(const std::string& path, X509* certificate)
     Check(done, "writing a certificate");
 }
 
+Key ReadKey(const std::string& path)
+{
+    FILE* file = std::fopen(path.c_str(), "r");
+    Check(file != nullptr, "reading a key");
+    Key key(PEM_read_PrivateKey(file, nullptr, nullptr, nullptr));
+    std::fclose(file);
+    Check(key != nullptr, "reading a key");
+    return key;
+}
+
+Certificate ReadCertificate(const std::string& path)
+{
+    FILE* file = std::fopen(path.c_str(), "r");
+    Check(file != nullptr, "reading a certificate");
+    Certificate certificate(PEM_read_X509(file, nullptr, nullptr, nullptr));
+    std::fclose(file);
+    Check(certificate != nullptr, "reading a certificate");
+    return certificate;
+}
+
 constexpr long kDay = 24 * 60 * 60;
 
 }  // namespace
 
 TestCa::TestCa(const std::string& directory, const std::string& commonName)
-    : caFile_(directory + "/ca.pem"),
+    : directory_(directory),
+      caKey_(directory + "/ca.key"),
+      caFile_(directory + "/ca.pem"),
       signerKey_(directory + "/signer.key"),
       signerCert_(directory + "/signer.pem"),
       expiredKey_(directory + "/expired.key"),
@@ -109,13 +137,14 @@ TestCa::TestCa(const std::string& directory, const std::string& commonName)
 {
     std::filesystem::create_directories(directory);
     const Key caKey = NewKey();
-    const Certificate ca = Issue(caKey.get(), commonName, nullptr, nullptr, true, -kDay, 365 * kDay);
+    const Certificate ca = Issue(caKey.get(), commonName, nullptr, nullptr, Use::Authority, -kDay, 365 * kDay);
     const Key signerKey = NewKey();
-    const Certificate signer = Issue(signerKey.get(), commonName + " code signer", ca.get(), caKey.get(), false, -kDay, 30 * kDay);
+    const Certificate signer = Issue(signerKey.get(), commonName + " code signer", ca.get(), caKey.get(), Use::CodeSigning, -kDay, 30 * kDay);
     const Key expiredKey = NewKey();
     const Certificate expired =
-        Issue(expiredKey.get(), commonName + " expired signer", ca.get(), caKey.get(), false, -30 * kDay, -kDay);
+        Issue(expiredKey.get(), commonName + " expired signer", ca.get(), caKey.get(), Use::CodeSigning, -30 * kDay, -kDay);
     WriteCertificate(caFile_, ca.get());
+    WriteKey(caKey_, caKey.get());
     WriteKey(signerKey_, signerKey.get());
     WriteCertificate(signerCert_, signer.get());
     WriteKey(expiredKey_, expiredKey.get());
@@ -146,6 +175,30 @@ std::string TestCa::Envelope(const std::string& content) const
         throw std::runtime_error("test CA: " + error);
     }
     return envelope;
+}
+
+TestCa::TlsIdentity TestCa::IssueServer(const std::string& name) const
+{
+    const Key caKey = ReadKey(caKey_);
+    const Certificate ca = ReadCertificate(caFile_);
+    const Key key = NewKey();
+    const Certificate certificate = Issue(key.get(), "localhost", ca.get(), caKey.get(), Use::TlsServer, -kDay, 30 * kDay);
+    TlsIdentity identity{directory_ + "/" + name + ".pem", directory_ + "/" + name + ".key"};
+    WriteCertificate(identity.certFile, certificate.get());
+    WriteKey(identity.keyFile, key.get());
+    return identity;
+}
+
+TestCa::TlsIdentity TestCa::IssueClient(const std::string& name, const std::string& commonName) const
+{
+    const Key caKey = ReadKey(caKey_);
+    const Certificate ca = ReadCertificate(caFile_);
+    const Key key = NewKey();
+    const Certificate certificate = Issue(key.get(), commonName, ca.get(), caKey.get(), Use::TlsClient, -kDay, 30 * kDay);
+    TlsIdentity identity{directory_ + "/" + name + ".pem", directory_ + "/" + name + ".key"};
+    WriteCertificate(identity.certFile, certificate.get());
+    WriteKey(identity.keyFile, key.get());
+    return identity;
 }
 
 }  // namespace VEQ::Test
