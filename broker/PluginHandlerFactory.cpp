@@ -10,6 +10,7 @@
 #include "commands/VerifyCustomSettingsEnabledCommand.h"
 #include "digest/RegistryAndDigestManagerCommand.h"
 #include "digest/VerifySignatureOfDigestCommand.h"
+#include "http/GetWarrantyInfoAndUpdateTagRegCommand.h"
 #include "mqtt/DisableMqttConnectionCommand.h"
 #include "mqtt/EnableMqttConnectionCommand.h"
 #include "mqtt/NotifyZCPCommand.h"
@@ -41,7 +42,8 @@ std::vector<BaseCommandHandler*> PluginHandlerFactory::GetHandlers(BrokerContext
             created.push_back(new VerifyCustomSettingsEnabledCommand(log));
             created.push_back(new GetVeqTagsCommand(log, clientContext.extensionId));
             created.push_back(new GetPackagelistCommand(log));
-            // Rows 16 to 18: "GetEncryptedDataCommand", the digest fetch and the warranty tags.
+            // Rows 16 and 17: "GetEncryptedDataCommand" and the digest fetch.
+            created.push_back(new GetWarrantyInfoAndUpdateTagRegCommand(log));
             created.push_back(new RegistryAndDigestManagerCommand(log));
             // Row 20, "GetEncryptedDataCommand" again, comes with its command.
             created.push_back(new StartPackageOperationCommand(log, clientContext.extensionId));

@@ -95,7 +95,7 @@ TEST(PluginHandlerFactoryTest, BuildsTheVocabularyOfEachSide)
         "Get-DeviceConfig",  "Notify-ZCP",        "Enable-MqttConnection", "Disable-MqttConnection",
         "Publish-MqttMessage", "Verify-Signature",      "Test-Applicability",
         "VerifyCustomSettingsEnabledCommand", "Get-VeqTags", "Get-PackageList",
-        "RegistryAndDigestCleanup", "Start-PackageOperation",
+        "GetWarrantyInfoAndUpdateTagReg", "RegistryAndDigestCleanup", "Start-PackageOperation",
     };
     const auto client = VEQ::Test::MakeClientContext("Contoso.Hello");
     EXPECT_EQ(CommandsOf(factory.GetHandlers(PluginContext(ElevationType::Elevated), client, details, log)), plugin);
