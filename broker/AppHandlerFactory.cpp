@@ -1,6 +1,7 @@
 #include "broker/AppHandlerFactory.h"
 
 #include "broker/HandlerList.h"
+#include "commands/GetDeviceAccessStampCommand.h"
 #include "commands/GetDeviceConfigCommand.h"
 #include "commands/GetVeqStatusCommand.h"
 #include "commands/GetVeqTagsCommand.h"
@@ -21,7 +22,8 @@ std::vector<BaseCommandHandler*> AppHandlerFactory::GetHandlers(BrokerContext co
         context,
         [&](std::vector<BaseCommandHandler*>& created) {
             created.push_back(new GetVeqStatusCommand(log));
-            // Rows 2 to 4: "Get-DeviceAccessStamp" and the two registration commands.
+            created.push_back(new GetDeviceAccessStampCommand(log));
+            // Rows 3 and 4: the two registration commands.
             created.push_back(new GetDeviceConfigCommand(log));
             created.push_back(new EnableMqttConnectionCommand(log, clientContext.extensionId));
             created.push_back(new DisableMqttConnectionCommand(log, clientContext.extensionId));

@@ -1,7 +1,9 @@
 #include "broker/PluginHandlerFactory.h"
 
 #include "broker/HandlerList.h"
+#include "commands/GetDecryptedDataCommand.h"
 #include "commands/GetDeviceConfigCommand.h"
+#include "commands/GetEncryptedDataCommand.h"
 #include "commands/GetPluginDetailsCommand.h"
 #include "commands/GetPluginHostContextCommand.h"
 #include "commands/GetVeqStatusCommand.h"
@@ -37,15 +39,17 @@ std::vector<BaseCommandHandler*> PluginHandlerFactory::GetHandlers(BrokerContext
             created.push_back(new DisableMqttConnectionCommand(log, clientContext.extensionId));
             created.push_back(new PublishMqttMessageCommand(log, clientContext.extensionId));
             created.push_back(new VerifySignatureOfDigestCommand(log));
-            // Row 11 "Get-DecryptedData" comes with its command.
+            created.push_back(new GetDecryptedDataCommand(log, clientContext.extensionId));
             created.push_back(new TestApplicabilityCommand(log));
             created.push_back(new VerifyCustomSettingsEnabledCommand(log));
             created.push_back(new GetVeqTagsCommand(log, clientContext.extensionId));
             created.push_back(new GetPackagelistCommand(log));
-            // Rows 16 and 17: "GetEncryptedDataCommand" and the digest fetch.
+            created.push_back(new GetEncryptedDataCommand(log));
+            // Row 17, the digest fetch, comes with its command.
             created.push_back(new GetWarrantyInfoAndUpdateTagRegCommand(log));
             created.push_back(new RegistryAndDigestManagerCommand(log));
-            // Row 20, "GetEncryptedDataCommand" again, comes with its command.
+            // A second time, as the table always had it; the first answers.
+            created.push_back(new GetEncryptedDataCommand(log));
             created.push_back(new StartPackageOperationCommand(log, clientContext.extensionId));
         },
         log, L"VEQ::PluginHandlerFactory::GetHandlers");

@@ -8,6 +8,8 @@
 #include "platform/bus/VEQNotificationData.h"
 #include "platform/bus/VEQPublisherSubscriber.h"
 #include "platform/log/Log.h"
+#include "platform/policy/ConfigPolicyAgent.h"
+#include "platform/util/CoreUtility.h"
 #include "platform/string/String.h"
 #include "platform/transport/WireCodec.h"
 #include "platform/transport/ZmqServerEndpoint.h"
@@ -39,6 +41,9 @@ constexpr int32_t kNotSupportedStatus = -1;
 constexpr const char* kNotSupportedText = "Command not Supported";
 constexpr int32_t kSubscriberFailedStatus = 500;
 constexpr mode_t kPrivateMode = 0600;
+constexpr int32_t kRegistrationTopic = 2;
+constexpr int32_t kRegisteredState = 11;
+constexpr int32_t kUnregisteredState = 12;
 // A monitor that keeps falling behind is told of in the log at most this often.
 constexpr auto kDropLogInterval = std::chrono::seconds(1);
 
@@ -248,6 +253,8 @@ ControlServer::Result ControlServer::Handle(const Message& request)
         {Protocol::kPublishEventCommand, &ControlServer::PublishEvent},
         {Protocol::kListPluginsCommand, &ControlServer::ListPlugins},
         {Protocol::kCollectDiagnosticsCommand, &ControlServer::CollectDiagnostics},
+        {Protocol::kSetRegistrationCommand, &ControlServer::SetRegistration},
+        {Protocol::kSetRefreshStatusCommand, &ControlServer::SetRefreshStatus},
     };
     for (const auto& [command, handler] : kHandlers) {
         if (request.notification.command == command) {
@@ -441,6 +448,40 @@ ControlServer::Result ControlServer::CollectDiagnostics(const Message& request)
     Result result = Answer(request, true, 0, "");
     result.message.notification.payload = ReplyJson::Write(answer);
     return result;
+}
+
+// The host's registration agent's word: recorded first, so that whoever hears the event reads
+// the new state.
+ControlServer::Result ControlServer::SetRegistration(const Message& request)
+{
+    std::string parseError;
+    const auto body = WireCodec::ParseObject(request.notification.payload, parseError);
+    if (!body || !(*body)[Protocol::kRegistered].isBool()) {
+        return BadRequest(request, "The payload of \"Set-Registration\" must be {\"registered\": true or false}");
+    }
+    const bool registered = (*body)[Protocol::kRegistered].asBool();
+    if (!CoreUtility::GetInstance()->SetDeviceRegistered(registered)) {
+        return Answer(request, false, Protocol::kFailedStatus, "the registration state cannot be recorded");
+    }
+    g_log.i(L"%s: the device is now %s", L"VEQ::ControlServer::SetRegistration",
+            registered ? L"registered" : L"not registered");
+    VEQNotificationData event(kRegistrationTopic, registered ? kRegisteredState : kUnregisteredState, L"");
+    VEQPublisherSubscriber::GetInstance()->Notify(event, kPublisherName);
+    return Answer(request, true, 0, "");
+}
+
+ControlServer::Result ControlServer::SetRefreshStatus(const Message& request)
+{
+    std::string parseError;
+    const auto body = WireCodec::ParseObject(request.notification.payload, parseError);
+    if (!body || !IsInteger((*body)[Protocol::kStatus])) {
+        return BadRequest(request, "The payload of \"Set-RefreshStatus\" must be {\"status\": an integer}");
+    }
+    if (!ConfigPolicyAgent::GetInstance()->ReportRefreshStatus((*body)[Protocol::kStatus].asInt())) {
+        return Answer(request, false, Protocol::kConflictStatus,
+                      "no refresh waits for an answer, or the status is not one a refresh ends with");
+    }
+    return Answer(request, true, 0, "");
 }
 
 }  // namespace VEQ

@@ -64,6 +64,8 @@ private:
     Result PublishEvent(const Message& request);
     Result ListPlugins(const Message& request);
     Result CollectDiagnostics(const Message& request);
+    Result SetRegistration(const Message& request);
+    Result SetRefreshStatus(const Message& request);
 
     // On the publisher's thread: queues the event and returns.
     void OnBusEvent(const VEQNotificationData& data);

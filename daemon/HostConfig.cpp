@@ -129,6 +129,8 @@ std::optional<HostConfig> HostConfig::Parse(const std::string& text, std::string
     Json::Value endpoints;
     Json::Value mqtt;
     Json::Value tls;
+    Json::Value http;
+    Json::Value policy;
     std::string realm;
     int32_t runtimeRelease = static_cast<int32_t>(config.hostRuntimeRelease);
     const bool valid =
@@ -156,7 +158,13 @@ std::optional<HostConfig> HostConfig::Parse(const std::string& text, std::string
         ReadInt(mqtt, "keepAliveSeconds", config.mqtt.keepAliveSeconds, 5, 3600, error) &&
         ReadString(mqtt, "topicRoot", config.mqtt.topicRoot, error) &&
         ReadString(tls, "caFile", config.mqtt.caFile, error) && ReadString(tls, "certFile", config.mqtt.certFile, error) &&
-        ReadString(tls, "keyFile", config.mqtt.keyFile, error);
+        ReadString(tls, "keyFile", config.mqtt.keyFile, error) && ReadSection(root, "http", http, error) &&
+        ReadAbsolutePath(http, "clientCert", config.http.clientCert, error) &&
+        ReadAbsolutePath(http, "clientKey", config.http.clientKey, error) &&
+        ReadAbsolutePath(http, "caFile", config.http.caFile, error) &&
+        ReadAbsolutePath(http, "publicCaFile", config.http.publicCaFile, error) &&
+        ReadString(http, "proxy", config.http.proxy, error) && ReadSection(root, "policy", policy, error) &&
+        ReadString(policy, "url", config.policy.url, error) && ReadString(policy, "refresh", config.policy.refresh, error);
     if (!valid) {
         return std::nullopt;
     }
@@ -164,6 +172,14 @@ std::optional<HostConfig> HostConfig::Parse(const std::string& text, std::string
     config.hostRuntimeRelease = static_cast<uint32_t>(runtimeRelease);
     if (config.sessionSource != "logind" && config.sessionSource != "file") {
         error = "\"source\" must be \"logind\" or \"file\"";
+        return std::nullopt;
+    }
+    if (!config.policy.url.empty() && config.policy.url.rfind("https://", 0) != 0) {
+        error = "\"url\" of \"policy\" must be an https URL";
+        return std::nullopt;
+    }
+    if (config.policy.refresh != "service" && config.policy.refresh != "external") {
+        error = "\"refresh\" of \"policy\" must be \"service\" or \"external\"";
         return std::nullopt;
     }
     if (config.sessionSource == "file" && config.sessionFile.empty()) {

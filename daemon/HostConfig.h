@@ -24,6 +24,21 @@ struct HostConfig {
     std::string sessionSource = "logind";  // sessions.source: "logind" or "file"
     std::string sessionFile;               // sessions.file
 
+    // http.*: how the service reaches the back end (docs/http.md).
+    struct Http {
+        std::string clientCert;
+        std::string clientKey;
+        std::string caFile;
+        std::string publicCaFile;
+        std::string proxy;
+    } http;
+
+    // policy.*: where a refresh asked by a client takes the policy from (docs/policy.md).
+    struct Policy {
+        std::string url;                  // empty: the policy file is re-read
+        std::string refresh = "service";  // "service": this service refreshes; "external": another agent does
+    } policy;
+
     struct Mqtt {
         std::string host;  // empty: the service runs without MQTT
         int32_t port = 1883;

@@ -4,6 +4,7 @@
 #include "daemon/ControlServer.h"
 #include "module/ExtensionModule.h"
 #include "platform/Platform.h"
+#include "platform/crypto/DeviceCrypto.h"
 #include "platform/device/DeveloperSettings.h"
 #include "platform/device/XMLConfigAgent.h"
 #include "platform/fs/FileSystem.h"
@@ -13,6 +14,10 @@
 #include "platform/log/Log.h"
 #include "platform/mqtt/MosquittoNotificationAgent.h"
 #include "platform/policy/ConfigPolicyAgent.h"
+#include "platform/policy/ExternalRefreshSource.h"
+#include "platform/policy/HttpsPolicyDownloader.h"
+#include "platform/policy/PolicyDownloadRefreshSource.h"
+#include "platform/policy/PolicyFileRefreshSource.h"
 #include "platform/policy/PolicyFileWatcher.h"
 #include "platform/process/ChildProcesses.h"
 #include "platform/session/SessionWatcher.h"
@@ -132,13 +137,19 @@ bool VeqDaemon::Start(std::string& error)
     settings.processorArchitecture = config->processorArchitecture;
     settings.sessionSource = config->sessionSource;
     settings.sessionFile = config->sessionFile;
+    settings.http.clientCert = config->http.clientCert;
+    settings.http.clientKey = config->http.clientKey;
+    settings.http.caFile = config->http.caFile;
+    settings.http.publicCaFile = config->http.publicCaFile;
+    settings.http.proxy = config->http.proxy;
     Platform::Install(paths, services, settings);
+    // The keys exist before a client asks for them, and `veqctl device-key` has a key to print.
+    DeviceCrypto::PrepareKeys();
     ApplyHostConfig(*config);
-    StartPolicy();
+    StartPolicy(config->policy);
     // After the policy, which decides whether the agent connects at once.
     if (!StartMqtt(error)) {
-        policy_->Stop();
-        policy_.reset();
+        StopPolicy();
         return false;
     }
     control_ = std::make_unique<ControlServer>(String::UTF8ToUTF16(root_));
@@ -148,8 +159,7 @@ bool VeqDaemon::Start(std::string& error)
         if (mqtt_) {
             mqtt_->Stop();
         }
-        policy_->Stop();
-        policy_.reset();
+        StopPolicy();
         return false;
     }
     void* context = nullptr;
@@ -185,12 +195,32 @@ void VeqDaemon::StartSessionFollowing()
     }
 }
 
-void VeqDaemon::StartPolicy()
+void VeqDaemon::StartPolicy(const HostConfig::Policy& config)
 {
-    policy_ = std::make_unique<PolicyFileWatcher>(*ConfigPolicyAgent::GetInstance());
+    ConfigPolicyAgent& agent = *ConfigPolicyAgent::GetInstance();
+    policy_ = std::make_unique<PolicyFileWatcher>(agent);
     if (!policy_->Start(String::UTF8ToUTF16(policyPath_))) {
         g_log.w(L"%s: changes to %s will not be seen while the service runs", kClass, policyPath_);
     }
+    // Where a refresh that a client asks for takes the policy from.
+    const std::wstring path = String::UTF8ToUTF16(policyPath_);
+    auto file = std::make_shared<PolicyFileRefreshSource>(agent, path);
+    if (config.refresh == "external") {
+        agent.SetRefreshSource(std::make_shared<ExternalRefreshSource>(file));
+    } else if (!config.url.empty()) {
+        agent.SetRefreshSource(
+            std::make_shared<PolicyDownloadRefreshSource>(agent, path, config.url, &HttpsPolicyDownloader::Download));
+    } else {
+        agent.SetRefreshSource(file);
+    }
+}
+
+void VeqDaemon::StopPolicy()
+{
+    // No refresh runs on, and none is waited for, once the policy is no longer watched.
+    ConfigPolicyAgent::GetInstance()->SetRefreshSource(nullptr);
+    policy_->Stop();
+    policy_.reset();
 }
 
 bool VeqDaemon::StartMqtt(std::string& error)
@@ -215,7 +245,9 @@ void VeqDaemon::Stop()
         return;
     }
     started_ = false;
-    policy_->Stop();  // no policy change is applied while the module stops
+    // No policy change is applied while the module stops.
+    ConfigPolicyAgent::GetInstance()->SetRefreshSource(nullptr);
+    policy_->Stop();
     // First, so that commands waiting for the connection hear that the service stops and the
     // brokers can end without waiting for them.
     if (mqtt_) {

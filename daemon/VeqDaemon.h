@@ -37,7 +37,8 @@ public:
 private:
     bool PrepareRoot(std::string& error);
     void ApplyHostConfig(const HostConfig& config);
-    void StartPolicy();
+    void StartPolicy(const HostConfig::Policy& config);
+    void StopPolicy();
     void StartSessionFollowing();
     bool StartMqtt(std::string& error);
 

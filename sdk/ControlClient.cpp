@@ -89,6 +89,20 @@ Error ControlClient::CheckReachable(const DataRoot& root, const std::string& pat
     }
 }
 
+Error ControlClient::SetRegistration(bool registered, Result& result)
+{
+    Json::Value request(Json::objectValue);
+    request[ControlProtocol::kRegistered] = registered;
+    return Exchange(ControlProtocol::kSetRegistrationCommand, WireCodec::Write(request), result);
+}
+
+Error ControlClient::SetRefreshStatus(int status, Result& result)
+{
+    Json::Value request(Json::objectValue);
+    request[ControlProtocol::kStatus] = status;
+    return Exchange(ControlProtocol::kSetRefreshStatusCommand, WireCodec::Write(request), result);
+}
+
 Error ControlClient::Exchange(const char* command, const std::string& payload, Result& result)
 {
     // Checked once rather than waited for: a missing control socket means the service is not there.

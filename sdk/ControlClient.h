@@ -24,6 +24,10 @@ public:
     Error ListPlugins(Result& result);
     // Sends "Collect-Diagnostics" for one plugin (pluginId not empty) or all running ones.
     Error CollectDiagnostics(const std::string& pluginId, const std::string& folder, Result& result);
+    // Sends "Set-Registration": the device is (not) registered with the back end.
+    Error SetRegistration(bool registered, Result& result);
+    // Sends "Set-RefreshStatus": how a policy refresh made by another agent ended.
+    Error SetRefreshStatus(int status, Result& result);
 
     const std::string& SocketPath() const { return path_; }
     // The request's payload for event.

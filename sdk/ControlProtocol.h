@@ -26,6 +26,16 @@
 // where a plugin asked for by id that does not run gives one result with "side" "none" and every
 // flag false but deleteFilesOnUpload. isSuccess false with statusCode 400 for bad input.
 //
+// Request: command "Set-Registration", payload {"registered": bool}: what the host's registration
+// agent says of the device. The service records it (docs/registry.md) and announces it on its bus
+// (topic 2, state 11 registered or 12 not). isSuccess false with 400 for bad input, 500 when it
+// cannot be recorded.
+//
+// Request: command "Set-RefreshStatus", payload {"status": int}: an agent that refreshes the
+// policy for the service (host config policy.refresh "external") reports how the refresh that
+// topic 4 state 24 asked for ended: 0, or 11 to 14 (docs/policy.md). isSuccess false with 409
+// when no refresh waits for an answer, 400 for bad input.
+//
 // Monitors: a client that connects the "_notify" channel (hello, then welcome) is sent every
 // event of the service's bus, in the order they were published, as a push with command
 // "Bus-Event" and as payload the text of a JSON object with every member present:
@@ -43,6 +53,8 @@ inline constexpr const char* kSocketName = "control";
 inline constexpr const char* kPublishEventCommand = "Publish-Event";
 inline constexpr const char* kListPluginsCommand = "List-Plugins";
 inline constexpr const char* kCollectDiagnosticsCommand = "Collect-Diagnostics";
+inline constexpr const char* kSetRegistrationCommand = "Set-Registration";
+inline constexpr const char* kSetRefreshStatusCommand = "Set-RefreshStatus";
 inline constexpr const char* kBusEventCommand = "Bus-Event";  // a push to monitors
 
 inline constexpr const char* kTopic = "topic";
@@ -55,6 +67,11 @@ inline constexpr const char* kActionType = "actionType";
 inline constexpr const char* kSequence = "sequence";
 inline constexpr const char* kPublishFlag = "publishFlag";
 
+inline constexpr const char* kRegistered = "registered";
+inline constexpr const char* kStatus = "status";
+
 inline constexpr int kBadRequestStatus = 400;
+inline constexpr int kConflictStatus = 409;
+inline constexpr int kFailedStatus = 500;
 
 }  // namespace Veq::Sdk::ControlProtocol

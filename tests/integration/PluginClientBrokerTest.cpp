@@ -90,16 +90,21 @@ TEST(PluginHandlerFactoryTest, BuildsTheVocabularyOfEachSide)
     Log log;
     PluginDetails details = Details();
     PluginHandlerFactory factory;
-    const std::vector<std::string> plugin = {
-        "Get-PluginDetails", "Get-PluginHostContext", "Get-VeqStatus",
-        "Get-DeviceConfig",  "Notify-ZCP",        "Enable-MqttConnection", "Disable-MqttConnection",
-        "Publish-MqttMessage", "Verify-Signature",      "Test-Applicability",
-        "VerifyCustomSettingsEnabledCommand", "Get-VeqTags", "Get-PackageList",
-        "GetWarrantyInfoAndUpdateTagReg", "RegistryAndDigestCleanup", "Start-PackageOperation",
+    const std::vector<std::string> elevated = {
+        "Get-PluginDetails",   "Get-PluginHostContext",  "Get-VeqStatus",       "Get-DeviceConfig",
+        "Notify-ZCP",          "Enable-MqttConnection",  "Disable-MqttConnection", "Publish-MqttMessage",
+        "Verify-Signature",    "Get-DecryptedData",      "Test-Applicability",  "VerifyCustomSettingsEnabledCommand",
+        "Get-VeqTags",         "Get-PackageList",        "GetEncryptedDataCommand", "GetWarrantyInfoAndUpdateTagReg",
+        "RegistryAndDigestCleanup", "GetEncryptedDataCommand", "Start-PackageOperation",
     };
+    // The data protection commands serve elevated plugins only.
+    std::vector<std::string> user = elevated;
+    std::erase_if(user, [](const std::string& name) {
+        return name == "Get-DecryptedData" || name == "GetEncryptedDataCommand";
+    });
     const auto client = VEQ::Test::MakeClientContext("Contoso.Hello");
-    EXPECT_EQ(CommandsOf(factory.GetHandlers(PluginContext(ElevationType::Elevated), client, details, log)), plugin);
-    EXPECT_EQ(CommandsOf(factory.GetHandlers(PluginContext(ElevationType::User), client, details, log)), plugin);
+    EXPECT_EQ(CommandsOf(factory.GetHandlers(PluginContext(ElevationType::Elevated), client, details, log)), elevated);
+    EXPECT_EQ(CommandsOf(factory.GetHandlers(PluginContext(ElevationType::User), client, details, log)), user);
     EXPECT_TRUE(CommandsOf(factory.GetHandlers(PluginContext(ElevationType::None), client, details, log)).empty());
     // Commands for plugins only drop out for any other kind of client.
     const auto forApps = CommandsOf(factory.GetHandlers(PluginContext(ElevationType::User, ExtensionType::App), client,

@@ -380,7 +380,8 @@ TEST_F(MqttCommandsTest, AppBrokersOfferTheMqttCommandsInTheirPlaceAndPluginsAlo
             names.push_back(handler->GetSupportedCommandNames().at(0));
             delete handler;
         }
-        const std::vector<std::string> expected = {"Get-VeqStatus",       "Get-DeviceConfig",      "Enable-MqttConnection",
+        const std::vector<std::string> expected = {"Get-VeqStatus",       "Get-DeviceAccessStamp", "Get-DeviceConfig",
+                                                   "Enable-MqttConnection",
                                                    "Disable-MqttConnection", "Publish-MqttMessage",
                                                    "Verify-Signature",     "Test-Applicability",   "Get-VeqTags",
                                                    "Get-PackageList",      "Start-PackageOperation"};

@@ -1,18 +1,34 @@
 // veqctl: a command line to the service, built on the app SDK.
 
 #include "tools/veqctl/CommonOptions.h"
+#include "tools/veqctl/DeviceKeyCommand.h"
 #include "tools/veqctl/DiagnosticsCommand.h"
 #include "tools/veqctl/ExitCode.h"
 #include "tools/veqctl/ListenCommand.h"
 #include "tools/veqctl/MonitorCommand.h"
 #include "tools/veqctl/PluginsCommand.h"
 #include "tools/veqctl/PublishCommand.h"
+#include "tools/veqctl/RefreshStatusCommand.h"
+#include "tools/veqctl/RegistrationCommand.h"
 #include "tools/veqctl/SendCommand.h"
 
 #include <CLI/CLI.hpp>
 
 #include <exception>
 #include <iostream>
+
+namespace {
+
+// Runs the one subcommand that was given; kUsage when none was.
+template <typename... Commands>
+int RunSelected(const Commands&... commands)
+{
+    int code = Veq::Tools::kUsage;
+    ((commands.Selected() ? (code = commands.Run(std::cout, std::cerr), true) : false) || ...);
+    return code;
+}
+
+}  // namespace
 
 int main(int argc, char** argv)
 {
@@ -30,6 +46,9 @@ int main(int argc, char** argv)
     PluginsCommand plugins(app, common);
     DiagnosticsCommand diagnostics(app, common);
     MonitorCommand monitor(app, common);
+    RegistrationCommand registration(app, common);
+    RefreshStatusCommand refreshStatus(app, common);
+    DeviceKeyCommand deviceKey(app, common);
 
     try {
         app.parse(argc, argv);
@@ -37,24 +56,8 @@ int main(int argc, char** argv)
         return app.exit(error) == 0 ? kDone : kUsage;
     }
     try {
-        if (send.Selected()) {
-            return send.Run(std::cout, std::cerr);
-        }
-        if (listen.Selected()) {
-            return listen.Run(std::cout, std::cerr);
-        }
-        if (publish.Selected()) {
-            return publish.Run(std::cout, std::cerr);
-        }
-        if (plugins.Selected()) {
-            return plugins.Run(std::cout, std::cerr);
-        }
-        if (diagnostics.Selected()) {
-            return diagnostics.Run(std::cout, std::cerr);
-        }
-        if (monitor.Selected()) {
-            return monitor.Run(std::cout, std::cerr);
-        }
+        return RunSelected(send, listen, publish, plugins, diagnostics, monitor, registration, refreshStatus,
+                           deviceKey);
     } catch (const std::exception& failure) {
         std::cerr << "veqctl: " << failure.what() << "\n";
         return kFailed;

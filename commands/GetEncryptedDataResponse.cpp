@@ -1,0 +1,10 @@
+#include "commands/GetEncryptedDataResponse.h"
+
+namespace VEQ {
+
+std::string GetEncryptedDataResponse::Serialize(const GetEncryptedDataResponse& response)
+{
+    return response.encryptedText;
+}
+
+}  // namespace VEQ
