@@ -660,5 +660,34 @@ TEST_F(VeqdPluginsTest, APluginStartsAPackageOperationAndHearsTheEnginesOutcome)
     }
 }
 
+// The data commands are the elevated side's: a user-side plugin is told they are not there.
+TEST_F(VeqdPluginsTest, DataProtectionServesElevatedPluginsOnly)
+{
+    world_->AddEmbedded({"Data.Caller", "CallerPlugin", "1.0.0.0", true, true, {}});
+    WritePolicy(PluginPolicy());
+    StartDaemon();
+    const std::string folder = world_->EmbeddedFolder("Data.Caller");
+    for (const std::string side : {"elevated", "user"}) {
+        std::ofstream(folder + "/" + side + ".calls.new") << "- Get-DecryptedData {}\n- GetEncryptedDataCommand {}\n";
+        std::filesystem::rename(folder + "/" + side + ".calls.new", folder + "/" + side + ".calls");
+    }
+    for (const std::string side : {"elevated", "user"}) {
+        ASSERT_TRUE(Eventually([&] { return VEQ::Test::Exists(folder + "/" + side + ".answers"); }, 20s)) << side;
+        std::ifstream answers(folder + "/" + side + ".answers");
+        int lines = 0;
+        for (std::string line; std::getline(answers, line); ++lines) {
+            Json::Value answer;
+            ASSERT_TRUE(Json::Reader().parse(line, answer)) << line;
+            const int code = answer["message"]["statusCode"].asInt();
+            if (side == "user") {
+                EXPECT_EQ(code, 17001) << line;
+            } else {
+                EXPECT_NE(code, 17001) << line;
+            }
+        }
+        EXPECT_EQ(lines, 2) << side;
+    }
+}
+
 }  // namespace
 }  // namespace VEQ
