@@ -324,16 +324,5 @@ TEST_F(GetDeviceConfigCommandTest, ADownloadedPolicyReplacesThePolicyFileAndIsIn
     EXPECT_EQ(file.st_mode & 0777, 0644u);
 }
 
-// Half a second between polls and 55 s in all: run only where time allows.
-TEST_F(GetDeviceConfigCommandTest, SlowerARefreshThatNeverEndsTimesOutAfter110PollsAtTheDefaultTimings)
-{
-    GetDeviceConfigCommand command(log_);
-    const Reply reply = Read(Ask(command, R"({"refreshConfig":true})"));
-    EXPECT_EQ(agent_->polls, 110);
-    EXPECT_EQ(reply.code, "15");
-    EXPECT_EQ(reply.description, "timeout");
-    EXPECT_EQ(reply.configPolicy, kStoredPolicy);
-}
-
 }  // namespace
 }  // namespace VEQ
