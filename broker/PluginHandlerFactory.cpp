@@ -10,6 +10,7 @@
 #include "commands/GetVeqTagsCommand.h"
 #include "commands/TestApplicabilityCommand.h"
 #include "commands/VerifyCustomSettingsEnabledCommand.h"
+#include "digest/CheckEtagNGetDigestNSaveIfValidCommand.h"
 #include "digest/RegistryAndDigestManagerCommand.h"
 #include "digest/VerifySignatureOfDigestCommand.h"
 #include "http/GetWarrantyInfoAndUpdateTagRegCommand.h"
@@ -45,7 +46,7 @@ std::vector<BaseCommandHandler*> PluginHandlerFactory::GetHandlers(BrokerContext
             created.push_back(new GetVeqTagsCommand(log, clientContext.extensionId));
             created.push_back(new GetPackagelistCommand(log));
             created.push_back(new GetEncryptedDataCommand(log));
-            // Row 17, the digest fetch, comes with its command.
+            created.push_back(new CheckEtagNGetDigestNSaveIfValidCommand(log));
             created.push_back(new GetWarrantyInfoAndUpdateTagRegCommand(log));
             created.push_back(new RegistryAndDigestManagerCommand(log));
             // A second time, as the table always had it; the first answers.

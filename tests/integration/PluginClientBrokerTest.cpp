@@ -94,7 +94,8 @@ TEST(PluginHandlerFactoryTest, BuildsTheVocabularyOfEachSide)
         "Get-PluginDetails",   "Get-PluginHostContext",  "Get-VeqStatus",       "Get-DeviceConfig",
         "Notify-ZCP",          "Enable-MqttConnection",  "Disable-MqttConnection", "Publish-MqttMessage",
         "Verify-Signature",    "Get-DecryptedData",      "Test-Applicability",  "VerifyCustomSettingsEnabledCommand",
-        "Get-VeqTags",         "Get-PackageList",        "GetEncryptedDataCommand", "GetWarrantyInfoAndUpdateTagReg",
+        "Get-VeqTags",         "Get-PackageList",        "GetEncryptedDataCommand", "CheckEtagNGetDigestNSaveIfValid",
+        "GetWarrantyInfoAndUpdateTagReg",
         "RegistryAndDigestCleanup", "GetEncryptedDataCommand", "Start-PackageOperation",
     };
     // The data protection commands serve elevated plugins only.
