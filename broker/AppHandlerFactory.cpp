@@ -7,6 +7,7 @@
 #include "commands/GetVeqTagsCommand.h"
 #include "commands/TestApplicabilityCommand.h"
 #include "digest/VerifySignatureOfDigestCommand.h"
+#include "http/InvokeHttpRequestCommand.h"
 #include "mqtt/DisableMqttConnectionCommand.h"
 #include "mqtt/EnableMqttConnectionCommand.h"
 #include "mqtt/PublishMqttMessageCommand.h"
@@ -32,7 +33,7 @@ std::vector<BaseCommandHandler*> AppHandlerFactory::GetHandlers(BrokerContext co
             created.push_back(new TestApplicabilityCommand(log));
             created.push_back(new GetVeqTagsCommand(log, clientContext.extensionId));
             created.push_back(new GetPackagelistCommand(log));
-            // Row 13 "Invoke-HttpRequest" comes with its command.
+            created.push_back(new InvokeHttpRequestCommand(log, context.getElevationType(), context.getExtensionType()));
             created.push_back(new StartPackageOperationCommand(log, clientContext.extensionId));
         },
         log, L"VEQ::AppHandlerFactory::GetHandlers");

@@ -14,6 +14,7 @@
 #include "digest/RegistryAndDigestManagerCommand.h"
 #include "digest/VerifySignatureOfDigestCommand.h"
 #include "http/GetWarrantyInfoAndUpdateTagRegCommand.h"
+#include "http/InvokeHttpRequestCommand.h"
 #include "mqtt/DisableMqttConnectionCommand.h"
 #include "mqtt/EnableMqttConnectionCommand.h"
 #include "mqtt/NotifyZCPCommand.h"
@@ -34,7 +35,7 @@ std::vector<BaseCommandHandler*> PluginHandlerFactory::GetHandlers(BrokerContext
             created.push_back(new GetPluginHostContextCommand(log, pluginDetails));
             created.push_back(new GetVeqStatusCommand(log));
             created.push_back(new GetDeviceConfigCommand(log));
-            // Row 5 "Invoke-HttpRequest" comes with its command.
+            created.push_back(new InvokeHttpRequestCommand(log, context.getElevationType(), context.getExtensionType()));
             created.push_back(new NotifyZCPCommand(log));
             created.push_back(new EnableMqttConnectionCommand(log, clientContext.extensionId));
             created.push_back(new DisableMqttConnectionCommand(log, clientContext.extensionId));

@@ -132,6 +132,7 @@ std::optional<HostConfig> HostConfig::Parse(const std::string& text, std::string
     Json::Value http;
     Json::Value policy;
     std::string realm;
+    std::string apiMtlsBaseUri;
     int32_t runtimeRelease = static_cast<int32_t>(config.hostRuntimeRelease);
     const bool valid =
         ReadSection(root, "developer", developer, error) && ReadSection(root, "endpoints", endpoints, error) &&
@@ -163,12 +164,15 @@ std::optional<HostConfig> HostConfig::Parse(const std::string& text, std::string
         ReadAbsolutePath(http, "clientKey", config.http.clientKey, error) &&
         ReadAbsolutePath(http, "caFile", config.http.caFile, error) &&
         ReadAbsolutePath(http, "publicCaFile", config.http.publicCaFile, error) &&
-        ReadString(http, "proxy", config.http.proxy, error) && ReadSection(root, "policy", policy, error) &&
+        ReadString(http, "proxy", config.http.proxy, error) &&
+        ReadString(http, "serviceGateUnit", config.http.serviceGateUnit, error) &&
+        ReadString(endpoints, "apiMtlsBaseUri", apiMtlsBaseUri, error) && ReadSection(root, "policy", policy, error) &&
         ReadString(policy, "url", config.policy.url, error) && ReadString(policy, "refresh", config.policy.refresh, error);
     if (!valid) {
         return std::nullopt;
     }
     config.realm = String::UTF8ToUTF16(realm);
+    config.apiMtlsBaseUri = String::UTF8ToUTF16(apiMtlsBaseUri);
     config.hostRuntimeRelease = static_cast<uint32_t>(runtimeRelease);
     if (config.sessionSource != "logind" && config.sessionSource != "file") {
         error = "\"source\" must be \"logind\" or \"file\"";

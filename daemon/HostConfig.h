@@ -15,6 +15,7 @@ struct HostConfig {
     bool skipPluginSignatureCheck = false;
     bool disableSecurity = false;
     std::wstring realm;
+    std::wstring apiMtlsBaseUri;  // endpoints.apiMtlsBaseUri
 
     std::string systemRoot;      // paths.systemRoot; empty: the platform's default
     std::string commonDataRoot;  // paths.commonDataRoot; empty: <root>/common
@@ -31,6 +32,7 @@ struct HostConfig {
         std::string caFile;
         std::string publicCaFile;
         std::string proxy;
+        std::string serviceGateUnit;  // the unit behind the management service, or "always"/"never"
     } http;
 
     // policy.*: where a refresh asked by a client takes the policy from (docs/policy.md).

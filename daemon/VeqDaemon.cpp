@@ -20,6 +20,7 @@
 #include "platform/policy/PolicyFileRefreshSource.h"
 #include "platform/policy/PolicyFileWatcher.h"
 #include "platform/process/ChildProcesses.h"
+#include "platform/service/ServiceStatus.h"
 #include "platform/session/SessionWatcher.h"
 #include "platform/string/String.h"
 #include "platform/sync/TaskPool.h"
@@ -104,6 +105,8 @@ void VeqDaemon::ApplyHostConfig(const HostConfig& config)
     if (!config.realm.empty()) {
         EpUrlProvider::GetInstance()->SetRealm(config.realm);
     }
+    EpUrlProvider::GetInstance()->SetEndpoints({config.apiMtlsBaseUri});
+    ServiceStatus::GetInstance()->SetSettings({config.http.serviceGateUnit});
 }
 
 bool VeqDaemon::Start(std::string& error)

@@ -92,7 +92,7 @@ TEST(PluginHandlerFactoryTest, BuildsTheVocabularyOfEachSide)
     PluginHandlerFactory factory;
     const std::vector<std::string> elevated = {
         "Get-PluginDetails",   "Get-PluginHostContext",  "Get-VeqStatus",       "Get-DeviceConfig",
-        "Notify-ZCP",          "Enable-MqttConnection",  "Disable-MqttConnection", "Publish-MqttMessage",
+        "Invoke-HttpRequest",  "Notify-ZCP",          "Enable-MqttConnection",  "Disable-MqttConnection", "Publish-MqttMessage",
         "Verify-Signature",    "Get-DecryptedData",      "Test-Applicability",  "VerifyCustomSettingsEnabledCommand",
         "Get-VeqTags",         "Get-PackageList",        "GetEncryptedDataCommand", "CheckEtagNGetDigestNSaveIfValid",
         "GetWarrantyInfoAndUpdateTagReg",
