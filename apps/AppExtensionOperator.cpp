@@ -1,6 +1,7 @@
 #include "apps/AppExtensionOperator.h"
 
 #include "apps/GlobalSocketIds.h"
+#include "apps/Handshake.h"
 #include "broker/AppClientBroker.h"
 #include "broker/BrokerFolders.h"
 #include "platform/bus/VEQNotificationData.h"
@@ -126,31 +127,13 @@ void AppExtensionOperator::ProcessMessage(const Message& message)
     SendConnectResponse(message, socketId, handshake->clientContext.sdkVersion);
 }
 
-// Reads the handshake as JsonCpp converts it: absent members are empty or 0, and a member that
-// cannot be converted throws, which ends the worker thread.
-std::optional<AppExtensionOperator::Handshake> AppExtensionOperator::ProcessMessageData(const std::string& data)
+// A member that cannot be converted throws, which ends the worker thread.
+std::optional<Handshake> AppExtensionOperator::ProcessMessageData(const std::string& data)
 {
-    Json::Value root;
-    // Only the global worker reads handshakes; its reader is built once.
-    thread_local const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-    std::string errors;
-    bool parsed = false;
-    try {
-        parsed = reader->parse(data.data(), data.data() + data.size(), &root, &errors);
-    } catch (const Json::Exception&) {
-        parsed = false;  // nested past the reader's limit
-    }
-    if (!parsed) {
+    auto handshake = Handshake::Read(data);
+    if (!handshake) {
         log.e(L"ProcessMessageData error");
-        return std::nullopt;
     }
-    Handshake handshake;
-    handshake.clientContext.extensionId = root["extensionId"].asString();
-    handshake.clientContext.extensionVersion = root["extensionVersion"].asString();
-    handshake.clientContext.extensionName = root["extensionName"].asString();
-    handshake.clientContext.sdkVersion = root["sdkVersion"].asString();
-    handshake.clientContext.sdkLanguage = root["sdkLanguage"].asString();
-    handshake.processId = static_cast<uint32_t>(root["clientProcessId"].asInt());
     return handshake;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "apps/Handshake.h"
 #include "apps/OperatorState.h"
 #include "broker/BrokerContext.h"
 #include "broker/ClientContext.h"
@@ -59,11 +60,6 @@ public:
     static std::wstring GlobalSocketPath(ElevationType elevation);
 
 private:
-    struct Handshake {
-        ClientContext clientContext;
-        uint32_t processId = 0;
-    };
-
     void StartThreads();
     void WorkerThread();
     void ClientMonitorThread();

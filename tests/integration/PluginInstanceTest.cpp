@@ -143,7 +143,8 @@ TEST_F(PluginInstanceTest, AnElevatedPluginLearnsWhoItIsAndStopsWhenAsked)
     EXPECT_EQ(context["pluginId"].asString(), "Contoso.Hello");
     EXPECT_EQ(context["pluginEntryPath"].asString(), PluginFolder("Contoso.Hello"));
     EXPECT_EQ(PayloadOf(lines[1])["pluginManifest"]["system"]["entry64"].asString(), "\\bin\\HelloPlugin.dll");
-    EXPECT_EQ(lines[2]["message"]["statusCode"].asInt(), 17001) << "pending until the data protection commands land";
+    // The data commands serve elevated plugins: an empty request reaches the handler, which refuses it.
+    EXPECT_NE(lines[2]["message"]["statusCode"].asInt(), 17001);
 
     // Its own copy of the host, named after it, runs it.
     EXPECT_TRUE(Exists(root_.BelowUtf8("common/Hosts/x64/HelloPlugin.exe")));
