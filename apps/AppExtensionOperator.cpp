@@ -7,6 +7,7 @@
 #include "platform/bus/VEQNotificationData.h"
 #include "platform/device/VeqInfo.h"
 #include "platform/fs/utility.h"
+#include "platform/process/ClientCapacity.h"
 #include "platform/registry/CRegUtil.h"
 #include "platform/string/String.h"
 #include "platform/transport/NotificationFactory.h"
@@ -151,20 +152,28 @@ std::wstring AppExtensionOperator::StartPrivateAppHandler(const ClientContext& c
         ProcessHandles::CloseHandle(handle);
         return {};
     }
-    AppClientBroker* broker = nullptr;
-    try {
-        broker = new AppClientBroker(m_brokerContext, clientContext);
-    } catch (const std::bad_alloc&) {
-        log.e(L"%s: Failed to create AppClientBroker for PID: %d", function, processId);
+    // A client is either given a broker that will listen or told at once that there is none.
+    if (const std::string shortfall = ClientCapacity::Shortfall(); !shortfall.empty()) {
+        log.w(L"%s: No room for another client, PID %d refused: %s", function, processId, shortfall);
         ProcessHandles::CloseHandle(handle);
         return {};
     }
-    broker->SetAppExtensionOperator(this);
+    AppClientBroker* broker = nullptr;
+    try {
+        broker = new AppClientBroker(m_brokerContext, clientContext);
+        broker->SetAppExtensionOperator(this);
+        broker->Start();
+    } catch (const std::exception& error) {
+        // Out of memory or threads: nothing of this client stays behind.
+        log.e(L"%s: Failed to create AppClientBroker for PID: %d: %s", function, processId, error.what());
+        delete broker;
+        ProcessHandles::CloseHandle(handle);
+        return {};
+    }
     m_clients[handle] = broker;
     ++count;
     m_brokersByPid[processId].push_back(broker);
     log.d(L"%s: Start app client broker for PID %d (count: %d)", function, processId, count);
-    broker->Start();
     return broker->get_soketID();
 }
 

@@ -1,6 +1,7 @@
 // veqd: the device-management host service that loads the extension module.
 
 #include "daemon/VeqDaemon.h"
+#include "platform/process/OpenFileLimit.h"
 #include "platform/process/SignalWaiter.h"
 #include "platform/transport/ZmqContext.h"
 
@@ -26,6 +27,8 @@ int main(int argc, char** argv)
 
     // Before any thread exists, so that only the main thread receives these.
     VEQ::SignalWaiter::Block({SIGTERM, SIGINT, SIGHUP});
+    // Each client connection holds descriptors: the service runs at its hard limit.
+    VEQ::OpenFileLimit::RaiseToHard();
 
     VEQ::VeqDaemon daemon(options);
     std::string error;

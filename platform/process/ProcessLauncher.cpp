@@ -1,6 +1,7 @@
 #include "platform/process/ProcessLauncher.h"
 
 #include "platform/process/ChildProcesses.h"
+#include "platform/process/OpenFileLimit.h"
 
 #include <cerrno>
 #include <csignal>
@@ -82,6 +83,7 @@ bool PlanUser(uint32_t uid, ChildPlan& plan, std::string& error)
         std::signal(signal, SIG_DFL);  // ignored signals (SIGPIPE) would stay ignored across exec
     }
     setsid();
+    OpenFileLimit::RestoreInChild();
     const int devNull = open("/dev/null", O_RDONLY);
     if (devNull >= 0) {
         dup2(devNull, STDIN_FILENO);

@@ -13,14 +13,50 @@
 namespace Tavrin::Veq::ClientBroker {
 namespace {
 
-std::string TemporaryNameBeside(const std::string& path)
+std::string FolderOf(const std::string& path)
+{
+    const auto slash = path.rfind('/');
+    if (slash == std::string::npos) {
+        return ".";
+    }
+    return slash == 0 ? std::string("/") : path.substr(0, slash);
+}
+
+// Where sockets are bound and placeholders kept before they take their names: a private folder
+// beside the one that holds the path, so that the folders clients list hold only endpoints' files.
+// The folder the path is in serves when that one cannot be had (a parent others may write to, a
+// folder not ours, another file system).
+std::string StagingFolderFor(const std::string& path)
+{
+    const std::string folder = FolderOf(path);
+    if (folder == "/" || folder == ".") {
+        return folder;
+    }
+    // Only below a parent that nobody else may write to: in /tmp, a name could be taken first.
+    const std::string parent = FolderOf(folder);
+    struct stat above {};
+    if (::lstat(parent.c_str(), &above) != 0 || above.st_uid != ::geteuid() || (above.st_mode & 022) != 0) {
+        return folder;
+    }
+    const std::string staging = parent + "/.staging";
+    struct stat status {};
+    struct stat home {};
+    if (::mkdir(staging.c_str(), 0700) != 0 && errno != EEXIST) {
+        return folder;
+    }
+    if (::lstat(staging.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) || status.st_uid != ::geteuid() ||
+        (status.st_mode & 077) != 0 || ::stat(folder.c_str(), &home) != 0 || home.st_dev != status.st_dev) {
+        return folder;
+    }
+    return staging;
+}
+
+std::string TemporaryNameFor(const std::string& path)
 {
     thread_local std::mt19937_64 random{std::random_device{}()};
-    const auto slash = path.rfind('/');
-    const std::string folder = slash == std::string::npos ? std::string(".") : path.substr(0, slash);
     char name[32];
     std::snprintf(name, sizeof(name), "/.b%012llx", static_cast<unsigned long long>(random() & 0xFFFFFFFFFFFFULL));
-    return folder + name;
+    return StagingFolderFor(path) + name;
 }
 
 }  // namespace
@@ -30,7 +66,7 @@ int SocketFile::Bind(zmq::socket_t& socket, const std::string& path, mode_t mode
     if (path.empty()) {
         return EINVAL;
     }
-    const std::string temporary = TemporaryNameBeside(path);
+    const std::string temporary = TemporaryNameFor(path);
     if (temporary.size() >= sizeof(sockaddr_un::sun_path) || path.size() >= sizeof(sockaddr_un::sun_path)) {
         return ENAMETOOLONG;
     }
@@ -58,7 +94,7 @@ std::string SocketFile::KeepPlaceholder(const std::string& path)
     if (path.empty() || ::lstat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
         return {};
     }
-    const std::string kept = TemporaryNameBeside(path);
+    const std::string kept = TemporaryNameFor(path);
     return ::link(path.c_str(), kept.c_str()) == 0 ? kept : std::string();
 }
 
@@ -76,7 +112,7 @@ void SocketFile::Retire(const std::string& path, const Identity& bound, const st
         status.st_dev != bound.device || status.st_ino != bound.inode) {
         return;
     }
-    const std::string temporary = TemporaryNameBeside(path);
+    const std::string temporary = TemporaryNameFor(path);
     bool replaced = false;
     if (!kept.empty() && ::link(kept.c_str(), temporary.c_str()) == 0) {
         // Another name for the kept placeholder: no new file, which a busy file system makes dear.

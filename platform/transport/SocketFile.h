@@ -7,7 +7,9 @@
 
 namespace Tavrin::Veq::ClientBroker {
 
-// Binds ZeroMQ sockets to socket files.
+// Binds ZeroMQ sockets to socket files. Files that are not yet or no longer an endpoint's live in a
+// private staging folder: ".staging" (0700) beside the folder that holds the path, on the same file
+// system, below a parent only the service may write to; the path's own folder when that cannot be had.
 class SocketFile {
 public:
     // Which file a bind made, so that a later clean-up touches that file and no other.
@@ -17,14 +19,14 @@ public:
     };
 
     // Binds socket at path with the given file mode. The socket is bound under a temporary name in the
-    // same folder, given its mode, and renamed over path, so that the file appears atomically with its
+    // staging folder, given its mode, and renamed over path, so that the file appears atomically with its
     // final permissions and so that ZeroMQ, which removes its bound file when the socket closes, never
     // removes a file that a later endpoint has bound at the same path. 0 or an errno value; on success
     // bound, when given, names the file made.
     static int Bind(zmq::socket_t& socket, const std::string& path, mode_t mode, Identity* bound = nullptr);
 
-    // Keeps the placeholder file at path under a hidden name beside it, before a bind replaces it, so
-    // that Retire can put it back. The hidden name, or "" when path holds no plain file.
+    // Keeps the placeholder file at path under a hidden name in the staging folder, before a bind
+    // replaces it, so that Retire can put it back. The hidden name, or "" when path holds no plain file.
     static std::string KeepPlaceholder(const std::string& path);
     static void DropPlaceholder(const std::string& kept);
 

@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 namespace VEQ {
@@ -293,6 +294,59 @@ TEST_F(VeqdServiceTest, AUserSideIsOpenToOtherUsersAndTheElevatedSideIsNot)
     auto control = VEQ::Test::ChildProcess::RunAsNobody(
         {VEQCTL_PROGRAM, "--root", root_, "publish", "--topic", "2", "--state", "11"});
     EXPECT_NE(control.exitCode, 0) << "an ordinary user reached the control socket";
+}
+
+
+namespace {
+
+size_t OpenFilesOf(pid_t pid)
+{
+    const std::string folder = "/proc/" + std::to_string(pid) + "/fd";
+    return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(folder), {}));
+}
+
+bool LogHolds(const std::string& root, const std::string& file, const std::string& text)
+{
+    std::ifstream in(root + "/log/" + file);
+    const std::string all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    return all.find(text) != std::string::npos;
+}
+
+}  // namespace
+
+// With few descriptors left, the handshake says at once that there is no broker, every app that got
+// one is served, and room comes back when apps leave.
+TEST_F(VeqdServiceTest, WhenDescriptorsRunShortHandshakesAreRefusedCleanly)
+{
+    StartDaemon();
+    ASSERT_TRUE(Serves(Side::Elevated));
+    const pid_t pid = daemon_->Pid();
+    const rlimit tight{OpenFilesOf(pid) + 120, OpenFilesOf(pid) + 120};
+    ASSERT_EQ(::prlimit(pid, RLIMIT_NOFILE, &tight, nullptr), 0);
+
+    bool refused = false;
+    for (int i = 0; i < 40 && !refused; ++i) {
+        auto client = std::make_unique<AppClient>(Options(Side::Elevated, "app." + std::to_string(i), 3s));
+        const auto error = client->Connect();
+        if (error) {
+            EXPECT_EQ(error.Code(), Veq::Sdk::ErrorCode::Refused) << error.Message();
+            refused = true;
+        } else {
+            clients_.push_back(std::move(client));
+        }
+    }
+    ASSERT_TRUE(refused) << "no handshake was refused";
+    ASSERT_FALSE(clients_.empty()) << "no room for even one app";
+    for (auto& client : clients_) {
+        AppClient::Result result;
+        EXPECT_FALSE(client->Send("Get-VeqStatus", "{}", result));
+        EXPECT_TRUE(result.isSuccess);
+    }
+    EXPECT_TRUE(LogHolds(root_, "AppExtensionOperator.log", "No room for another client"));
+
+    clients_.clear();
+    EXPECT_TRUE(VEQ::Test::Eventually([&] { return App(Side::Elevated, "back") != nullptr; }, 10s))
+        << "the descriptors of the apps that left were not given back";
 }
 
 }  // namespace

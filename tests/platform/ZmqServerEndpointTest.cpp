@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <future>
+#include <set>
 #include <sys/stat.h>
 #include <thread>
 #include <cstdio>
@@ -345,6 +346,51 @@ TEST(ZmqServerEndpointFiles, SocketFilesTakeTheModeOfTheirPlaceholderAndLeaveItB
     for (const auto& entry : std::filesystem::directory_iterator(root.PathUtf8())) {
         EXPECT_NE(entry.path().filename().string().front(), '.') << "left behind: " << entry.path();
     }
+}
+
+// Clients list a side's folder to find endpoints: it holds the endpoints' own files and nothing
+// else, while they bind, while they listen and once they are gone.
+TEST(ZmqServerEndpointFiles, ASideFolderHoldsOnlyTheEndpointsFiles)
+{
+    VEQ::Test::TempRoot root;
+    const std::string folder = root.BelowUtf8("Broker/SharedUser");
+    std::filesystem::create_directories(folder);
+    ::chmod(root.BelowUtf8("Broker").c_str(), 0755);
+    auto listing = [&] {
+        std::set<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+            names.insert(entry.path().filename().string());
+        }
+        return names;
+    };
+    const std::set<std::string> expected = {"a", "a_notify", "b", "b_notify"};
+    std::atomic<bool> stop{false};
+    std::set<std::string> strays;
+    std::thread watcher([&] {
+        while (!stop) {
+            for (const auto& name : listing()) {
+                if (!expected.contains(name)) {
+                    strays.insert(name);
+                }
+            }
+        }
+    });
+    for (int run = 0; run < 20; ++run) {
+        ::close(::open((folder + "/a").c_str(), O_WRONLY | O_CREAT, 0666));
+        ::chmod((folder + "/a").c_str(), 0666);
+        ZmqServerEndpoint first;
+        ZmqServerEndpoint second;
+        ConnectionDetails a{1, folder + "/a"};
+        ConnectionDetails b{1, folder + "/b"};
+        ASSERT_EQ(first.Start(a), 0);
+        ASSERT_EQ(second.Start(b), 0);
+    }
+    stop = true;
+    watcher.join();
+    EXPECT_TRUE(strays.empty()) << "a client listing the folder saw " << *strays.begin();
+    EXPECT_EQ(listing(), expected);
+    bool isSocket = true;
+    EXPECT_EQ(ModeOf(folder + "/a", isSocket), 0666u) << "the placeholder kept out of sight came back";
 }
 
 TEST(ZmqServerEndpointFiles, AGoingEndpointLeavesANewerSocketOnItsPathAlone)
