@@ -40,6 +40,7 @@ AppExtensionOperator::~AppExtensionOperator()
     for (auto& [handle, broker] : m_clients) {
         ProcessHandles::CloseHandle(handle);
         delete broker;
+        ClientCapacity::Released();
     }
     m_clients.clear();
 }
@@ -122,6 +123,17 @@ void AppExtensionOperator::ProcessMessage(const Message& message)
     if (!handshake) {
         return;
     }
+    // A client speaks for the process it runs in: the pid it claims must be the one the kernel
+    // recorded for its connection, or it could spend another process's connections.
+    if (!message.peer || message.peer->processId != handshake->processId) {
+        log.w(L"%s: Refused a handshake claiming PID %d from PID %d (uid %d)", L"VEQ::AppExtensionOperator::ProcessMessage",
+              handshake->processId, message.peer ? message.peer->processId : 0u,
+              message.peer ? message.peer->userId : 0u);
+        SendConnectResponse(message, {}, handshake->clientContext.sdkVersion);
+        return;
+    }
+    log.d(L"%s: Handshake from PID %d, uid %d", L"VEQ::AppExtensionOperator::ProcessMessage", handshake->processId,
+          message.peer->userId);
     log.d(L"%s: StartPrivateAppHandler for client PID: %d ", L"VEQ::AppExtensionOperator::ProcessMessage",
           handshake->processId);
     const std::wstring socketId = StartPrivateAppHandler(handshake->clientContext, handshake->processId);
@@ -162,6 +174,7 @@ std::wstring AppExtensionOperator::StartPrivateAppHandler(const ClientContext& c
     try {
         broker = new AppClientBroker(m_brokerContext, clientContext);
         broker->SetAppExtensionOperator(this);
+        broker->SetPeerProcessId(processId);
         broker->Start();
     } catch (const std::exception& error) {
         // Out of memory or threads: nothing of this client stays behind.
@@ -171,6 +184,7 @@ std::wstring AppExtensionOperator::StartPrivateAppHandler(const ClientContext& c
         return {};
     }
     m_clients[handle] = broker;
+    ClientCapacity::Taken();
     ++count;
     m_brokersByPid[processId].push_back(broker);
     log.d(L"%s: Start app client broker for PID %d (count: %d)", function, processId, count);
@@ -243,6 +257,7 @@ void AppExtensionOperator::SweepClients()
         ProcessHandles::CloseHandle(handle);
         delete broker;
         m_clients.erase(entry);
+        ClientCapacity::Released();
         erased = true;
         log.d(L"%s, Erased client %s", function, socketId);
     }

@@ -110,6 +110,7 @@ void BaseClientBroker::WorkerThread()
         ConnectionDetails details;
         details.method = 1;
         details.endpoint = String::UTF16ToUTF8(socketId);
+        details.peerProcessId = peerProcessId;
         {
             std::lock_guard<std::mutex> lock(mutex);
             server = NotificationFactory::GetInstance(NotificationFactory::kServerRole);

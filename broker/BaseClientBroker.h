@@ -52,6 +52,8 @@ public:
     BrokerContext& get_brokerContext() { return brokerContext; }
     ClientContext& get_clientContext() { return clientContext; }
     void SetAppExtensionOperator(AppExtensionOperator* owner) { appExtensionOperator = owner; }
+    // The one process whose connections the broker takes; set before StartServer (0: any).
+    void SetPeerProcessId(uint32_t processId) { peerProcessId = processId; }
 
     void Send_Result(Result& result);
     bool Notify(Notification& notification);
@@ -99,6 +101,7 @@ private:
     ClientContext clientContext;
     std::wstring socketId;
     AppExtensionOperator* appExtensionOperator = nullptr;
+    uint32_t peerProcessId = 0;
     INotificationBase* server = nullptr;
     std::thread* workerThread = nullptr;
     std::mutex mutex;  // guards server and every send on it

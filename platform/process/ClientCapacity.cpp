@@ -5,7 +5,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <atomic>
 #include <fstream>
 #include <limits>
 #include <mutex>
@@ -64,11 +66,45 @@ std::optional<uint64_t> MemAvailable()
     return std::nullopt;
 }
 
+std::atomic<uint64_t> g_clients{0};
+
 }  // namespace
+
+void ClientCapacity::Taken()
+{
+    ++g_clients;
+}
+
+void ClientCapacity::Released()
+{
+    --g_clients;
+}
+
+uint64_t ClientCapacity::Budget()
+{
+    const uint64_t files = OpenFileLimit::Current();
+    // An eighth of the descriptors stays with the service: its own files, plugins, and the global
+    // sockets' accepts of clients still in their handshake.
+    const uint64_t reserve = std::max<uint64_t>(kFilesReserve, files / 8);
+    return files > reserve ? (files - reserve) / kFilesPerClient : 0;
+}
+
+std::string ClientCapacity::BudgetShortfall()
+{
+    const uint64_t budget = Budget();
+    if (g_clients < budget) {
+        return {};
+    }
+    return "clients: " + std::to_string(g_clients.load()) + " hold brokers, as many as " +
+           std::to_string(OpenFileLimit::Current()) + " open files allow";
+}
 
 std::string ClientCapacity::Shortfall()
 {
-    std::string reason = FileShortfall();
+    std::string reason = BudgetShortfall();
+    if (reason.empty()) {
+        reason = FileShortfall();
+    }
     if (reason.empty()) {
         reason = GroupShortfall();
     }

@@ -19,15 +19,24 @@ public:
     static constexpr uint64_t kThreadsReserve = 32;
     static constexpr uint64_t kMemoryReserveBytes = 32ull << 20;
 
-    // Why one more client cannot be taken now ("open files", "threads" or "memory", with figures);
-    // empty when it can.
+    // Why one more client cannot be taken now ("clients", "open files", "threads" or "memory", with
+    // figures); empty when it can.
     static std::string Shortfall();
+
+    // The clients that hold a broker, across both sides. A broker's descriptors are taken a moment
+    // after its handshake is answered, so free descriptors alone would let a burst of handshakes
+    // through that together need more than there are; the count bounds what is promised.
+    static void Taken();
+    static void Released();
+    // How many clients the open-file limit has room for.
+    static uint64_t Budget();
 
     // The checks on figures read elsewhere; for the readers and for tests.
     static std::string ThreadShortfall(uint64_t current, uint64_t maximum);
     static std::string MemoryShortfall(uint64_t available);
 
 private:
+    static std::string BudgetShortfall();
     static std::string FileShortfall();
     static std::string GroupShortfall();
 };

@@ -9,6 +9,9 @@ namespace Tavrin::Veq::ClientBroker {
 struct ConnectionDetails {
     int32_t method = 0;
     std::string endpoint;
+    // When set, the endpoint takes connections from this process only (the kernel's pid of the
+    // connecting process); others are dropped as they connect.
+    uint32_t peerProcessId = 0;
 };
 
 }  // namespace Tavrin::Veq::ClientBroker

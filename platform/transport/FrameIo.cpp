@@ -5,9 +5,15 @@ namespace Tavrin::Veq::ClientBroker {
 namespace {
 
 bool ReadRest(zmq::socket_t& socket, zmq::message_t& part, std::vector<std::string>& frames, size_t maxFrames,
-              bool& tooMany)
+              bool& tooMany, std::string* peerAddress = nullptr)
 {
     while (true) {
+        // A router's own routing-id part carries no properties; the peer's parts do.
+        if (peerAddress != nullptr && peerAddress->empty()) {
+            if (const char* address = zmq_msg_gets(part.handle(), "Peer-Address"); address != nullptr) {
+                *peerAddress = address;
+            }
+        }
         if (frames.size() < maxFrames) {
             frames.emplace_back(static_cast<const char*>(part.data()), part.size());
         } else {
@@ -31,6 +37,17 @@ bool FrameIo::Receive(zmq::socket_t& socket, std::vector<std::string>& frames, s
     tooMany = false;
     zmq::message_t part;
     return socket.recv(part, zmq::recv_flags::dontwait) && ReadRest(socket, part, frames, maxFrames, tooMany);
+}
+
+bool FrameIo::Receive(zmq::socket_t& socket, std::vector<std::string>& frames, size_t maxFrames, bool& tooMany,
+                      std::string& peerAddress)
+{
+    frames.clear();
+    tooMany = false;
+    peerAddress.clear();
+    zmq::message_t part;
+    return socket.recv(part, zmq::recv_flags::dontwait) &&
+           ReadRest(socket, part, frames, maxFrames, tooMany, &peerAddress);
 }
 
 bool FrameIo::ReceiveWithin(zmq::socket_t& socket, std::vector<std::string>& frames, size_t maxFrames, bool& tooMany,

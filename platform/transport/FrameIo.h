@@ -16,6 +16,9 @@ public:
     // Reads one whole message. Returns false when none was waiting; tooMany is set when the message
     // had more than maxFrames parts (they are all read, and frames holds the first maxFrames).
     static bool Receive(zmq::socket_t& socket, std::vector<std::string>& frames, size_t maxFrames, bool& tooMany);
+    // The same, also giving the sender's "Peer-Address" as ZeroMQ recorded it (empty when none).
+    static bool Receive(zmq::socket_t& socket, std::vector<std::string>& frames, size_t maxFrames, bool& tooMany,
+                        std::string& peerAddress);
     // The same, waiting up to timeoutMs (> 0) for a message. Waiting inside the receive costs one
     // wake-up less than polling first and receiving after.
     static bool ReceiveWithin(zmq::socket_t& socket, std::vector<std::string>& frames, size_t maxFrames,

@@ -1,8 +1,10 @@
 #pragma once
 
 #include "platform/transport/Notification.h"
+#include "platform/transport/PeerCredentials.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace Tavrin::Veq::ClientBroker {
@@ -20,6 +22,8 @@ struct Message {
     int32_t statusCode = 0;
     std::string statusSource;
     std::string statusText;
+    // Who sent a received record, as the kernel tells it; never on the wire.
+    std::optional<PeerCredentials> peer;
 };
 
 }  // namespace Tavrin::Veq::ClientBroker

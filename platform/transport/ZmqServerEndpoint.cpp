@@ -121,6 +121,12 @@ int ZmqServerEndpoint::Start(ConnectionDetails& details)
     keptPlaceholder_ = SocketFile::KeepPlaceholder(path_);
     auto request = NewRouter();
     auto notify = NewRouter();
+    if (details.peerProcessId != 0) {
+        const int pid = static_cast<int>(details.peerProcessId);
+        for (auto* socket : {request.get(), notify.get()}) {
+            zmq_setsockopt(socket->handle(), ZMQ_IPC_FILTER_PID, &pid, sizeof pid);
+        }
+    }
     int rc = SocketFile::Bind(*request, path_, mode, &requestFile_);
     if (rc == 0) {
         rc = SocketFile::Bind(*notify, path_ + "_notify", mode, &notifyFile_);
@@ -316,7 +322,8 @@ bool ZmqServerEndpoint::ReceiveRequest(Message& message)
 {
     Frames frames;
     bool tooMany = false;
-    while (FrameIo::Receive(*requestSocket_, frames, kMaxEnvelopeFrames, tooMany)) {
+    std::string peerAddress;
+    while (FrameIo::Receive(*requestSocket_, frames, kMaxEnvelopeFrames, tooMany, peerAddress)) {
         const bool wellFormed = !tooMany && frames.size() >= 2 && (frames.size() == 2 || frames[1].empty());
         if (!wellFormed) {
             g_log.w(L"%s: dropped a message of %d parts on %s", kClass, frames.size() + (tooMany ? 1 : 0), path_);
@@ -334,6 +341,7 @@ bool ZmqServerEndpoint::ReceiveRequest(Message& message)
             replyEnvelope_ = std::move(envelope);
             replyEnvelopeHandedOver_ = false;
         }
+        received.peer = PeerCredentials::FromPeerAddress(peerAddress);
         message = std::move(received);
         return true;
     }

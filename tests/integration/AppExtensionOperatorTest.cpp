@@ -4,6 +4,7 @@
 #include "apps/AppExtensionOperator.h"
 #include "platform/transport/ClientConnection.h"
 #include "platform/transport/WireCodec.h"
+#include "tests/support/BackgroundProcess.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/FileStatus.h"
@@ -13,6 +14,10 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstdlib>
+#include <sstream>
+#include <string>
+#include <vector>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -51,6 +56,21 @@ public:
 private:
     pid_t pid_ = -1;
 };
+
+std::string Handshaker()
+{
+    return VEQ::Test::ChildProcess::TestProgram("veq_handshaker");
+}
+
+std::vector<std::string> Lines(const std::string& text)
+{
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
 
 Json::Value ParsePayload(const Result& result)
 {
@@ -199,32 +219,63 @@ TEST_P(AppExtensionOperatorTest, AHandshakeFieldOfTheWrongTypeEndsTheWorkerButNo
 
 TEST_P(AppExtensionOperatorTest, FiftyLiveConnectionsPerProcessAndEachProcessCountsApart)
 {
-    Sleeper first;
-    Sleeper second;
-    std::vector<std::string> paths;
-    for (int i = 0; i < 50; ++i) {
-        paths.push_back(Connect(first.Pid()));
-        ASSERT_FALSE(paths.back().empty()) << "connection " << i + 1 << " refused";
+    VEQ::Test::BackgroundProcess first(
+        {Handshaker(), globalPath_, "connect:51", "close-first", "retry-connect", "connect:1", "hold"});
+    ASSERT_TRUE(first.Start());
+    ASSERT_TRUE(first.WaitForOutput("ready", 30s)) << first.Output();
+    const std::vector<std::string> lines = Lines(first.Output());
+    ASSERT_EQ(lines.size(), 55u) << first.Output();
+    for (size_t i = 0; i < 50; ++i) {
+        EXPECT_EQ(lines[i].rfind(root_.PathUtf8(), 0), 0u) << "connection " << i + 1 << ": " << lines[i];
     }
-    EXPECT_TRUE(Connect(first.Pid()).empty()) << "the 51st connection was accepted";
-    EXPECT_FALSE(Connect(second.Pid()).empty()) << "another process shares the first one's limit";
+    EXPECT_EQ(lines[50], "refused") << "the 51st connection was accepted";
+    EXPECT_EQ(lines[51], "closed");
+    EXPECT_NE(lines[52], "refused") << "the slot freed by a closed connection was not given again";
+    EXPECT_EQ(lines[53], "refused");
 
-    // A connection that ends frees its slot once the sweep has run.
-    ClientConnection closing;
-    ASSERT_TRUE(closing.ConnectRequestsOnly(paths.front(), 5s));
-    ASSERT_TRUE(closing.SendRaw({R"({"guid":"bye","notification":{"command":"Close-Connection"}})"}));
-    ASSERT_TRUE(VEQ::Test::Eventually([&] { return !Exists(paths.front()); }, 5s)) << "the closed broker stayed";
-    EXPECT_FALSE(Connect(first.Pid()).empty()) << "the freed slot was not given again";
-    EXPECT_TRUE(Connect(first.Pid()).empty());
+    const auto second = VEQ::Test::ChildProcess::Run({Handshaker(), globalPath_, "connect:1"});
+    ASSERT_EQ(second.exitCode, 0) << second.output;
+    EXPECT_NE(Lines(second.output).at(0), "refused") << "another process shares the first one's limit";
+}
+
+// Nobody can spend another process's connections or talk on its broker.
+TEST_P(AppExtensionOperatorTest, AClientSpeaksOnlyForItsOwnProcess)
+{
+    Sleeper other;
+    auto spoofed = Handshake(HandshakeFor(other.Pid()));
+    ASSERT_TRUE(spoofed);
+    EXPECT_EQ(ParsePayload(*spoofed)["callbackConnection"].asString(), "") << "a claim on a live process of another";
+
+    const std::string ours = Connect(::getpid());
+    ASSERT_FALSE(ours.empty());
+    const auto claimant =
+        VEQ::Test::ChildProcess::Run({Handshaker(), globalPath_, "--claim", std::to_string(::getpid()), "connect:1"});
+    ASSERT_EQ(claimant.exitCode, 0) << claimant.output;
+    EXPECT_EQ(Lines(claimant.output).at(0), "refused") << "another process claimed the test's pid";
+
+    ::setenv("VEQ_TEST_CLIENT_WAIT_MS", "1500", 1);
+    const auto intruder = VEQ::Test::ChildProcess::Run(
+        {VEQ::Test::ChildProcess::TestProgram("veq_test_client"), ours, "Get-VeqStatus"});
+    ::unsetenv("VEQ_TEST_CLIENT_WAIT_MS");
+    // It cannot complete its connection (3) or gets no answer (4).
+    EXPECT_TRUE(intruder.exitCode == 3 || intruder.exitCode == 4)
+        << "another process was served on this client's broker: " << intruder.output;
+
+    ClientConnection app;
+    ASSERT_TRUE(app.Connect(ours, 5s)) << app.LastError();
+    Message status;
+    status.guid = "own";
+    status.notification.command = "Get-VeqStatus";
+    EXPECT_TRUE(app.Send(status, 5s)) << "the client's own process was not served";
 }
 
 TEST_P(AppExtensionOperatorTest, AClientWhoseProcessEndsLosesItsBrokerAndItsFiles)
 {
-    Sleeper client;
-    const std::string path = Connect(client.Pid());
-    ASSERT_FALSE(path.empty());
-    ClientConnection app;
-    ASSERT_TRUE(app.Connect(path, 5s)) << app.LastError();
+    VEQ::Test::BackgroundProcess client({Handshaker(), globalPath_, "connect:1", "hold"});
+    ASSERT_TRUE(client.Start());
+    ASSERT_TRUE(client.WaitForOutput("ready", 10s)) << client.Output();
+    const std::string path = Lines(client.Output()).at(0);
+    ASSERT_TRUE(Exists(path)) << path;
     client.Kill();
     EXPECT_TRUE(VEQ::Test::Eventually([&] { return !Exists(path) && !Exists(path + "_notify"); }, 5s))
         << "the broker of a dead process is still there";
@@ -262,7 +313,6 @@ TEST_P(AppExtensionOperatorTest, FanOutsReachEveryApp)
 
 TEST_P(AppExtensionOperatorTest, ATargetedMessageGoesToTheOldestConnectionOfTheTargetProcess)
 {
-    Sleeper process;
     std::vector<std::unique_ptr<ClientConnection>> apps;
     for (int i = 0; i < 2; ++i) {
         apps.push_back(std::make_unique<ClientConnection>());
@@ -274,7 +324,7 @@ TEST_P(AppExtensionOperatorTest, ATargetedMessageGoesToTheOldestConnectionOfTheT
             reply.message.notification.payload = "from " + std::to_string(index) + " " + message.notification.payload;
             return reply;
         });
-        ASSERT_TRUE(apps.back()->Connect(Connect(process.Pid(), "target.app"), 5s));
+        ASSERT_TRUE(apps.back()->Connect(Connect(::getpid(), "target.app"), 5s));
     }
     Message message;
     message.guid = "routed";

@@ -5,6 +5,7 @@
 #include "platform/transport/WireCodec.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 
 using namespace Tavrin::Veq::ClientBroker;
@@ -24,7 +25,10 @@ int main(int argc, char** argv)
     message.guid = "test-client-guid";
     message.notification.command = argv[2];
     message.notification.payload = argc > 3 ? argv[3] : "{}";
-    auto result = connection.Send(message, std::chrono::seconds(10));
+    // VEQ_TEST_CLIENT_WAIT_MS shortens the wait for tests that expect no reply.
+    const char* wait = std::getenv("VEQ_TEST_CLIENT_WAIT_MS");
+    auto result = connection.Send(message, wait != nullptr ? std::chrono::milliseconds(std::atol(wait))
+                                                           : std::chrono::milliseconds(10000));
     if (!result) {
         std::fprintf(stderr, "no reply\n");
         return 4;
