@@ -1,10 +1,15 @@
-// Round trip of a cheap command through real brokers, next to a bare ZeroMQ echo and a raw
-// Unix-socket echo on the same machine. Prints median and p99 of each.
+// Round trip of a cheap command through real brokers, next to a bare ZeroMQ echo, a raw
+// Unix-socket echo and a D-Bus method call on the same machine. Prints median and p99 of each.
 //
-// The three are sampled in turn, one request each per round, with the same pause before each,
+// They are sampled in turn, one request each per round, with the same pause before each,
 // so that they see the same machine. A broker pauses 100 ms after each message (its rate limit);
 // that pause is not counted: the rounds rotate over many brokers, and each broker is asked again
 // only once its pause is over.
+//
+// The D-Bus call goes through a private dbus-daemon (the session configuration, on a socket of
+// this run's folder) to an object served by sd-bus on a thread with a bus connection and event
+// loop of its own, as the brokers are threads of this process: the common way of asking a local
+// service something on Linux, as an anchor for what a broker command costs.
 //
 // Then, with veqd as a process on a root of its own below $TMPDIR, one signed embedded plugin on
 // the elevated side and apps connected there through the SDK: an app's command routed to the
@@ -27,19 +32,26 @@
 #include <zmq.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <future>
+#include <iterator>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
+#include <systemd/sd-bus.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -302,6 +314,179 @@ private:
     int next_ = 0;
 };
 
+[[noreturn]] void FailBus(const char* what, int error)
+{
+    std::fprintf(stderr, "%s: %s\n", what, std::strerror(-error));
+    std::exit(1);
+}
+
+// A private dbus-daemon with the session bus's configuration, listening on a socket below root.
+class DbusDaemon {
+public:
+    explicit DbusDaemon(const std::string& root)
+    {
+        std::string listen = "--address=unix:path=" + root + "/dbus-socket";
+        std::vector<std::string> args = {"dbus-daemon", "--session", "--nofork", "--print-address", listen};
+        std::vector<char*> argv;
+        for (auto& arg : args) {
+            argv.push_back(arg.data());
+        }
+        argv.push_back(nullptr);
+        // What it says on stderr is kept for a failed start: it warns of limits it cannot raise.
+        const std::string log = root + "/dbus-daemon.log";
+        const int errors = ::open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        int output[2];
+        if (errors < 0 || ::pipe2(output, O_CLOEXEC) != 0) {
+            Fail("dbus-daemon output");
+        }
+        pid_ = ::fork();
+        if (pid_ < 0) {
+            Fail("fork");
+        }
+        if (pid_ == 0) {
+            ::dup2(output[1], STDOUT_FILENO);
+            ::dup2(errors, STDERR_FILENO);
+            ::execvp(argv[0], argv.data());
+            ::_exit(127);
+        }
+        ::close(errors);
+        ::close(output[1]);
+        // It prints its address once it listens.
+        char c = 0;
+        while (::read(output[0], &c, 1) == 1 && c != '\n') {
+            address_ += c;
+        }
+        ::close(output[0]);
+        if (address_.empty()) {
+            std::ifstream said(log);
+            std::fprintf(stderr, "dbus-daemon did not start (is it installed? scripts/install-deps)\n%s\n",
+                         std::string(std::istreambuf_iterator<char>(said), {}).c_str());
+            std::exit(1);
+        }
+    }
+
+    ~DbusDaemon()
+    {
+        ::kill(pid_, SIGTERM);
+        ::waitpid(pid_, nullptr, 0);
+    }
+
+    const std::string& Address() const { return address_; }
+
+private:
+    pid_t pid_ = -1;
+    std::string address_;
+};
+
+constexpr const char* kBusName = "org.tavrin.VeqBench";
+constexpr const char* kObjectPath = "/org/tavrin/VeqBench";
+constexpr const char* kInterface = "org.tavrin.VeqBench";
+constexpr uint64_t kBusWakeMicros = 100000;  // how soon the echo's loop sees that it should end
+
+int OnEcho(sd_bus_message* call, void*, sd_bus_error*)
+{
+    const char* text = nullptr;
+    const int read = sd_bus_message_read(call, "s", &text);
+    return read < 0 ? read : sd_bus_reply_method_return(call, "s", text);
+}
+
+const sd_bus_vtable kEchoVtable[] = {
+    SD_BUS_VTABLE_START(0),
+    SD_BUS_METHOD("Echo", "s", "s", OnEcho, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_VTABLE_END,
+};
+
+sd_bus* OpenBus(const std::string& address)
+{
+    sd_bus* bus = nullptr;
+    int error = sd_bus_new(&bus);
+    if (error >= 0) {
+        error = sd_bus_set_address(bus, address.c_str());
+    }
+    if (error >= 0) {
+        error = sd_bus_set_bus_client(bus, 1);
+    }
+    if (error >= 0) {
+        error = sd_bus_start(bus);
+    }
+    if (error < 0) {
+        FailBus("cannot connect to the private bus", error);
+    }
+    return bus;
+}
+
+// An echo method on the bus: "Echo" takes a string and returns it. The server has a bus connection
+// and event loop of its own on a thread of this process; the client calls from the sampling thread.
+class DbusEchoTarget {
+public:
+    explicit DbusEchoTarget(const std::string& root) : daemon_(root)
+    {
+        std::promise<void> ready;
+        auto served = ready.get_future();
+        server_ = std::thread([this, &ready] { Serve(ready); });
+        served.wait();
+        client_ = OpenBus(daemon_.Address());
+    }
+
+    ~DbusEchoTarget()
+    {
+        sd_bus_flush_close_unref(client_);
+        stop_ = true;
+        server_.join();
+    }
+
+    double Sample()
+    {
+        sd_bus_error error = SD_BUS_ERROR_NULL;
+        sd_bus_message* reply = nullptr;
+        const char* echoed = nullptr;
+        const auto start = steady_clock::now();
+        int result =
+            sd_bus_call_method(client_, kBusName, kObjectPath, kInterface, "Echo", &error, &reply, "s", kFrame.c_str());
+        if (result >= 0) {
+            result = sd_bus_message_read(reply, "s", &echoed);
+        }
+        const double elapsed = MicrosSince(start);
+        if (result < 0 || echoed == nullptr || kFrame != echoed) {
+            FailBus(error.message != nullptr ? error.message : "D-Bus echo", result < 0 ? result : -EPROTO);
+        }
+        sd_bus_message_unref(reply);
+        sd_bus_error_free(&error);
+        return elapsed;
+    }
+
+private:
+    void Serve(std::promise<void>& ready)
+    {
+        sd_bus* bus = OpenBus(daemon_.Address());
+        sd_bus_slot* slot = nullptr;
+        int error = sd_bus_add_object_vtable(bus, &slot, kObjectPath, kInterface, kEchoVtable, nullptr);
+        if (error >= 0) {
+            error = sd_bus_request_name(bus, kBusName, 0);
+        }
+        if (error < 0) {
+            FailBus("cannot serve the D-Bus echo", error);
+        }
+        ready.set_value();
+        while (!stop_) {
+            error = sd_bus_process(bus, nullptr);
+            if (error < 0) {
+                FailBus("D-Bus echo loop", error);
+            }
+            if (error == 0) {
+                sd_bus_wait(bus, kBusWakeMicros);
+            }
+        }
+        sd_bus_slot_unref(slot);
+        sd_bus_flush_close_unref(bus);
+    }
+
+    DbusDaemon daemon_;
+    sd_bus* client_ = nullptr;
+    std::atomic<bool> stop_{false};
+    std::thread server_;
+};
+
 struct Figures {
     double median;
     double p90;
@@ -474,6 +659,7 @@ int main()
     const std::string root = ::mkdtemp(rootTemplate);
     VEQ::Platform::Install({VEQ::String::UTF8ToUTF16(root)});
     {
+        DbusEchoTarget dbusEcho(root);  // first: it forks dbus-daemon while this process has few threads
         UnixEchoTarget unixEcho(root);
         ZmqEchoTarget zmqEcho(root, false);
         ZmqEchoTarget handOffEcho(root, true);
@@ -490,6 +676,7 @@ int main()
         targets.push_back({"ZeroMQ echo + hand-off", [&] { return handOffEcho.Sample(); }, {}});
         targets.push_back({"our transport echo", [&] { return transport.Sample(); }, {}});
         targets.push_back({"broker command", [&] { return broker.Sample(); }, {}});
+        targets.push_back({"D-Bus method call", [&] { return dbusEcho.Sample(); }, {}});
         // Each round asks every target once, in an order that rotates, so that none always comes
         // first after the pause or right after another.
         const auto gap = duration_cast<microseconds>(kBrokerPause) / kBrokers / targets.size();
@@ -516,8 +703,10 @@ int main()
         const Figures& b = figures[4];
         std::printf("hand-off alone / ZeroMQ echo: median %.2fx (what the dispatch threading costs by itself)\n",
                     h.median / z.median);
+        const Figures& d = figures[5];
         std::printf("broker / ZeroMQ echo: median %.2fx, p99 %.2fx (target: median <= 1.5x)\n", b.median / z.median,
                     b.p99 / z.p99);
+        std::printf("broker command / D-Bus call: median %.2fx, p99 %.2fx\n", b.median / d.median, b.p99 / d.p99);
     }
     int status = 0;
     try {
