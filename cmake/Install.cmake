@@ -18,7 +18,7 @@ install(TARGETS veq_sdk veq_platform veq_warnings EXPORT veqTargets ARCHIVE DEST
 install(EXPORT veqTargets NAMESPACE veq:: DESTINATION ${VEQ_INSTALL_CMAKEDIR})
 file(GLOB VEQ_SDK_HEADERS ${CMAKE_SOURCE_DIR}/sdk/*.h)
 install(FILES ${VEQ_SDK_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/veq/sdk)
-install(FILES platform/transport/Message.h platform/transport/Notification.h platform/transport/Result.h
+install(FILES platform/transport/Message.h platform/transport/Notification.h platform/transport/PeerCredentials.h platform/transport/Result.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/veq/platform/transport)
 
 configure_package_config_file(cmake/package/veqConfig.cmake.in ${CMAKE_BINARY_DIR}/veqConfig.cmake
